@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# The shared library exports the library's interface and hides its internals.
+set -u
+lib="$1"
+fail() { echo "exports_check: $*" >&2; exit 1; }
+syms=$(nm -D --defined-only -C "$lib") || fail "nm failed"
+for want in 'MemAlloc(' 'DebugLogf(' 'HookDebugLogf(' 'TString::TString(' ; do
+  grep -qF "$want" <<<"$syms" || fail "missing export: $want"
+done
+# Internal helpers stay hidden.
+for hidden in 'LogLine(' ; do
+  if grep -qF "$hidden" <<<"$syms"; then fail "internal symbol exported: $hidden"; fi
+done
+echo "exports_check: ok"

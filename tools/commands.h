@@ -1,0 +1,9 @@
+// Subcommands of the plinth tool. Each takes the arguments after its name
+// and returns the process exit code: 0 success, 1 failure, 2 usage error.
+#ifndef PLINTH_TOOLS_COMMANDS_H_
+#define PLINTH_TOOLS_COMMANDS_H_
+
+int RunEnvCommand(int argc, char** argv);
+int RunErrorCommand(int argc, char** argv);
+
+#endif  // PLINTH_TOOLS_COMMANDS_H_

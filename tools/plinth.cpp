@@ -1,0 +1,45 @@
+// plinth: the command-line tool over libplinth20.
+#include <cstdio>
+#include <cstring>
+
+#include "tools/commands.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: plinth <command> [arguments]\n"
+    "\n"
+    "commands:\n"
+    "  env                 check this machine against the minimums and print the environment\n"
+    "  error CODE          print the text of a library error code\n"
+    "  error --os N        map an operating-system error number to a library code\n"
+    "\n"
+    "plinth <command> --help shows a command's own usage.\n";
+
+struct Command {
+  const char* name;
+  int (*run)(int argc, char** argv);
+};
+
+const Command kCommands[] = {
+    {"env", RunEnvCommand},
+    {"error", RunErrorCommand},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "help") == 0) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  for (const Command& command : kCommands) {
+    if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 2, argv + 2);
+  }
+  std::fprintf(stderr, "plinth: unknown command '%s'\n\n%s", argv[1], kUsage);
+  return 2;
+}
