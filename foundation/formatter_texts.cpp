@@ -1,0 +1,15 @@
+// Built-in texts of the formatter (group 16000).
+#include "foundation/resources.h"
+
+namespace {
+
+const ResourceTextSpec kFormatterTexts[] = {
+    {16000, "Nevr", u"Never"},
+    {16000, "Zero", u"0"},
+    // Unit letters of the size conversions: kilo to yotta, then in lower case.
+    {16000, "KMkm", u"KMGTPEZYkmgtpezy"},
+};
+
+const ResourceTableRegistrar kRegistrar(kFormatterTexts, sizeof kFormatterTexts / sizeof kFormatterTexts[0]);
+
+}  // namespace
