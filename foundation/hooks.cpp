@@ -66,57 +66,10 @@ void RaiseFormatted(TString* fmt, va_list ap) {
   FatalAlert(&text);
 }
 
-// The built-in defaults, installed in an empty alert or query slot on first use.
-int64_t DefaultAlert0(TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultAlert1(int, TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultQuery0(int, unsigned int*, TString*, TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultQuery1(int, int, TString*, TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultQuery2(int, TDate*, TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultQuery3(int, TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultQuery4(int, unsigned int*, unsigned int, unsigned int, TString* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  RaiseFormatted(fmt, ap);
-  va_end(ap);
-  return 0;
-}
-int64_t DefaultQuery5(int, int, int, TString*, TString* fmt, ...) {
+// The built-in default of every alert and query slot, installed in an empty
+// slot on first use; `Lead` are the arguments before the format.
+template <typename... Lead>
+int64_t DefaultRaise(Lead..., TString* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
   RaiseFormatted(fmt, ap);
@@ -124,12 +77,17 @@ int64_t DefaultQuery5(int, int, int, TString*, TString* fmt, ...) {
   return 0;
 }
 
-void Collect(TString* fmt, va_list ap, FormatArgList* args) {
-  if (fmt == nullptr) {
-    *args = FormatArgList();
-    return;
-  }
-  CollectFormatArgs(fmt->GetConstBuffer(), fmt->GetLength(), ap, args);
+template <typename Fn>
+PlinthCallback Generic(Fn fn) {
+  return reinterpret_cast<PlinthCallback>(fn);
+}
+
+// Calls `fn` with `lead`, then the arguments `fmt` consumes from `ap`.
+template <typename Fn, typename... Lead>
+int64_t Forward(Fn fn, TString* fmt, va_list ap, Lead... lead) {
+  FormatArgList args;
+  if (fmt != nullptr) CollectFormatArgs(fmt->GetConstBuffer(), fmt->GetLength(), ap, &args);
+  return CallWithFormatArgs<int64_t>(fn, args, lead...);
 }
 
 bool IsAlertMark(char16_t c) {
@@ -186,23 +144,21 @@ void HookFolderInstanceFunc(FolderInstanceFn fn) { g_folderInstance.Set(fn); }
 // ---- alerts -----------------------------------------------------------------
 
 int64_t Alertf(TString* fmt, ...) {
-  auto fn = reinterpret_cast<Alert0Fn>(g_alert[0].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultAlert0)));
+  auto fn = reinterpret_cast<Alert0Fn>(g_alert[0].GetOrInstall(Generic(&DefaultRaise<>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, fmt);
   va_end(ap);
-  return CallWithFormatArgs<int64_t>(fn, args, fmt);
+  return result;
 }
 
 int64_t Alertf(int kind, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Alert1Fn>(g_alert[1].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultAlert1)));
+  auto fn = reinterpret_cast<Alert1Fn>(g_alert[1].GetOrInstall(Generic(&DefaultRaise<int>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, fmt);
   va_end(ap);
-  return CallWithFormatArgs<int64_t>(fn, args, kind, fmt);
+  return result;
 }
 
 int64_t AlertParse(TString* text) {
@@ -253,63 +209,57 @@ int64_t FatalAlert(TString* text) {
 // ---- queries ----------------------------------------------------------------
 
 int Queryf(int kind, unsigned int* answer, TString* title, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Query0Fn>(g_query[0].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultQuery0)));
+  auto fn = reinterpret_cast<Query0Fn>(g_query[0].GetOrInstall(Generic(&DefaultRaise<int, unsigned int*, TString*>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, answer, title, fmt);
   va_end(ap);
-  return static_cast<int>(CallWithFormatArgs<int64_t>(fn, args, kind, answer, title, fmt));
+  return static_cast<int>(result);
 }
 
 int Queryf(int kind, int answer, TString* title, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Query1Fn>(g_query[1].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultQuery1)));
+  auto fn = reinterpret_cast<Query1Fn>(g_query[1].GetOrInstall(Generic(&DefaultRaise<int, int, TString*>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, answer, title, fmt);
   va_end(ap);
-  return static_cast<int>(CallWithFormatArgs<int64_t>(fn, args, kind, answer, title, fmt));
+  return static_cast<int>(result);
 }
 
 int Queryf(int kind, TDate* answer, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Query2Fn>(g_query[2].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultQuery2)));
+  auto fn = reinterpret_cast<Query2Fn>(g_query[2].GetOrInstall(Generic(&DefaultRaise<int, TDate*>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, answer, fmt);
   va_end(ap);
-  return static_cast<int>(CallWithFormatArgs<int64_t>(fn, args, kind, answer, fmt));
+  return static_cast<int>(result);
 }
 
 int Queryf(int kind, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Query3Fn>(g_query[3].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultQuery3)));
+  auto fn = reinterpret_cast<Query3Fn>(g_query[3].GetOrInstall(Generic(&DefaultRaise<int>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, fmt);
   va_end(ap);
-  return static_cast<int>(CallWithFormatArgs<int64_t>(fn, args, kind, fmt));
+  return static_cast<int>(result);
 }
 
 int Queryf(int kind, unsigned int* answer, unsigned int low, unsigned int high, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Query4Fn>(g_query[4].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultQuery4)));
+  auto fn = reinterpret_cast<Query4Fn>(g_query[4].GetOrInstall(Generic(&DefaultRaise<int, unsigned int*, unsigned int, unsigned int>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, answer, low, high, fmt);
   va_end(ap);
-  return static_cast<int>(CallWithFormatArgs<int64_t>(fn, args, kind, answer, low, high, fmt));
+  return static_cast<int>(result);
 }
 
 int Queryf(int kind, int a, int b, TString* title, TString* fmt, ...) {
-  auto fn = reinterpret_cast<Query5Fn>(g_query[5].GetOrInstall(reinterpret_cast<PlinthCallback>(&DefaultQuery5)));
+  auto fn = reinterpret_cast<Query5Fn>(g_query[5].GetOrInstall(Generic(&DefaultRaise<int, int, int, TString*>)));
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, kind, a, b, title, fmt);
   va_end(ap);
-  return static_cast<int>(CallWithFormatArgs<int64_t>(fn, args, kind, a, b, title, fmt));
+  return static_cast<int>(result);
 }
 
 // ---- debug log --------------------------------------------------------------
@@ -319,10 +269,9 @@ int64_t DebugLogf(unsigned int selector, TString* fmt, ...) {
   if (fn == nullptr) return 0;
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, selector, fmt);
   va_end(ap);
-  return CallWithFormatArgs<int64_t>(fn, args, selector, fmt);
+  return result;
 }
 
 int64_t DebugLogf(unsigned int selector, const char* fmt, ...) {
@@ -384,10 +333,8 @@ void LogLine(unsigned int selector, const char16_t* fmt, ...) {
   TString format(fmt);
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  CollectFormatArgs(format.GetConstBuffer(), format.GetLength(), ap, &args);
+  Forward(fn, &format, ap, selector, &format);
   va_end(ap);
-  CallWithFormatArgs<int64_t>(fn, args, selector, &format);
 }
 
 void Debug(const char* source, int line, int /*flags*/) {
@@ -409,10 +356,9 @@ int64_t ForkAndLogHelper(unsigned int flags, TString* fmt, void* helper, ...) {
   if (fn == nullptr) return kNotInstalled;
   va_list ap;
   va_start(ap, helper);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, flags, fmt, helper);
   va_end(ap);
-  return CallWithFormatArgs<int64_t>(fn, args, flags, fmt, helper);
+  return result;
 }
 
 void ReleaseForkHelper(int64_t handle) {
@@ -433,10 +379,9 @@ int64_t TriggerScript(TString* event, TString* a, TString* b, TString* fmt, ...)
   if (fn == nullptr) return 0;
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, event, a, b, fmt);
   va_end(ap);
-  return CallWithFormatArgs<int64_t>(fn, args, event, a, b, fmt);
+  return result;
 }
 
 int64_t AssembleScriptArgs(TString* event, TString* a, TString* b, TString* fmt, ...) {
@@ -444,10 +389,9 @@ int64_t AssembleScriptArgs(TString* event, TString* a, TString* b, TString* fmt,
   if (fn == nullptr) return 0;
   va_list ap;
   va_start(ap, fmt);
-  FormatArgList args;
-  Collect(fmt, ap, &args);
+  int64_t result = Forward(fn, fmt, ap, event, a, b, fmt);
   va_end(ap);
-  return CallWithFormatArgs<int64_t>(fn, args, event, a, b, fmt);
+  return result;
 }
 
 int64_t ProcessScriptErr(int a, int b, TString* c, TString* d, TString* e, int f, TString* g, TString* h) {
