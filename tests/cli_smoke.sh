@@ -7,4 +7,35 @@ fail() { echo "cli_smoke: $*" >&2; exit 1; }
 "$plinth" --help | grep -q "usage: plinth" || fail "--help prints no usage"
 "$plinth" >/dev/null 2>&1; [ $? -eq 2 ] || fail "no command must exit 2"
 "$plinth" frobnicate >/dev/null 2>&1; [ $? -eq 2 ] || fail "unknown command must exit 2"
+# plinth error: codes, Windows errors and errno values, and clean refusals.
+expect_exit() {  # expected-code description command...
+  local want="$1" what="$2"; shift 2
+  "$@" >/dev/null 2>&1; local got=$?
+  [ "$got" -eq "$want" ] || fail "$what: exit $got, expected $want"
+}
+out=$("$plinth" error -1017) || fail "error -1017 failed"
+grep -q "^-1017: Access denied$" <<<"$out" || fail "error -1017 printed '$out'"
+out=$("$plinth" error -625) || fail "error -625 failed"
+grep -q "^-625: Out of memory$" <<<"$out" || fail "error -625 printed '$out'"
+out=$("$plinth" error --os 5) || fail "error --os 5 failed"
+grep -q "^Windows error 5: library code -1017: Access denied$" <<<"$out" || fail "error --os 5 printed '$out'"
+out=$("$plinth" error --os 0x80070002) || fail "error --os 0x80070002 failed"
+grep -q "library code -1101: Not found$" <<<"$out" || fail "HRESULT not reduced: '$out'"
+out=$("$plinth" error --errno 28) || fail "error --errno 28 failed"
+grep -q "^errno 28: library code -1115: The disk is full$" <<<"$out" || fail "error --errno 28 printed '$out'"
+"$plinth" error --help | grep -q "usage: plinth error" || fail "error --help prints no usage"
+expect_exit 0 "error --help" "$plinth" error --help
+expect_exit 1 "unknown code" "$plinth" error -1999
+expect_exit 1 "positive code" "$plinth" error 42
+expect_exit 1 "unknown Windows error" "$plinth" error --os 65000
+expect_exit 1 "unknown errno" "$plinth" error --errno 4000
+expect_exit 2 "no arguments" "$plinth" error
+expect_exit 2 "non-numeric code" "$plinth" error abc
+expect_exit 2 "trailing junk" "$plinth" error -1017x
+expect_exit 2 "code out of range" "$plinth" error -99999999999
+expect_exit 2 "os number out of range" "$plinth" error --os 4294967296
+expect_exit 2 "negative os number" "$plinth" error --os -5
+expect_exit 2 "os number missing" "$plinth" error --os
+expect_exit 2 "errno not numeric" "$plinth" error --errno ENOENT
+expect_exit 2 "unknown option" "$plinth" error --frob 1
 echo "cli_smoke: ok"

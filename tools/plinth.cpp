@@ -12,7 +12,8 @@ const char kUsage[] =
     "commands:\n"
     "  env                 check this machine against the minimums and print the environment\n"
     "  error CODE          print the text of a library error code\n"
-    "  error --os N        map an operating-system error number to a library code\n"
+    "  error --os N        map a Windows error number to a library code\n"
+    "  error --errno N     map an errno value to a library code\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
