@@ -1,5 +1,6 @@
 #include "foundation/resources.h"
 
+#include <cerrno>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include "foundation/hooks.h"
 #include "foundation/log.h"
 #include "foundation/tstring.h"
+#include "platform/os_error.h"
 
 namespace {
 
@@ -101,8 +103,9 @@ int LoadResourceText(unsigned short group, unsigned int key, TString* out) {
 int LoadResourceFile(const TString& path) {
   std::ifstream in(TStringAsString(path), std::ios::binary);
   if (!in) {
-    LogLine(514, u"LoadResourceFile: cannot open <%s>, error %E", &path, -1101);
-    return -1101;
+    int code = MapErrno(errno, &path);
+    LogLine(514, u"LoadResourceFile: cannot open <%s>, error %E", &path, code);
+    return code;
   }
   std::map<uint64_t, TString> loaded;
   std::string line;

@@ -58,9 +58,9 @@ TEST(ResourceStoreTest, HostFileOverridesAndAddsThenClears) {
 
 TEST(ResourceStoreTest, MissingFileIsAnErrorAndChangesNothing) {
   TestHost host;
-  EXPECT_LT(LoadResourceFile(TString(u"/nonexistent/plinth/texts.res")), 0);
+  EXPECT_EQ(LoadResourceFile(TString(u"/nonexistent/plinth/texts.res")), -1101);
   EXPECT_EQ(Text(16000, "Nevr"), "Never");
-  EXPECT_EQ(host.Lines().size(), 1u);
+  EXPECT_EQ(host.LinesWithFormat("LoadResourceFile: cannot open <%s>, error %E").size(), 1u);
 }
 
 }  // namespace
