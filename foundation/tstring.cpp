@@ -274,7 +274,7 @@ void TString::KeepPart(int start, int count) {
   if (m_params != nullptr) m_params->Keep(start, start + count);
 }
 
-TString TString::Left(int count) const { return Mid(0, count); }
+TString TString::Left(int count) const { return Mid(0, count < 0 ? 0 : count); }
 
 TString TString::Mid(int start, int count) const {
   if (start < 0) start = 0;

@@ -133,7 +133,9 @@ int TString::Ellipsize(int width, EllipsisAt where) {
     keepHead = head(room);
   } else {
     keepHead = head(room - room / 2);
-    keepTail = tail(room / 2);
+    keepTail = tail(room - keepHead);
+    // A pair kept whole on one side may leave the unit to the other.
+    if (keepHead + keepTail < room) keepHead = head(room - keepTail);
   }
   TString out(m_data, keepHead);
   out.Append(u"...", 3);

@@ -60,11 +60,12 @@ void TStringParameterList::Keep(int start, int end) {
     TStringParameter& p = m_items[i];
     int from = p.position;
     int to = p.position + p.length;
-    // An empty record survives when it sits inside or on the edges.
-    bool inside = p.length == 0 ? (from >= start && from <= end) : (to > start && from < end);
-    if (!inside) continue;
     if (from < start) from = start;
     if (to > end) to = end;
+    // An empty record survives when it sits inside or on the edges; others
+    // while some of their text is kept.
+    bool inside = p.length == 0 ? (p.position >= start && p.position <= end) : from < to;
+    if (!inside) continue;
     p.position = from - start;
     p.length = to - from;
     if (kept != i) m_items[kept] = std::move(p);
