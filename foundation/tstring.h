@@ -36,9 +36,9 @@
 // parameters along, relocated, and cut those that fall outside the kept
 // text (a parameter partly outside is clipped to its kept part). Append
 // keeps them (appending a TString brings its parameters along, shifted);
-// SetAt, ToUpper and ToLower keep them. Every other change of the text
-// (assignments, the buffer members, replacing, stripping inside, Ellipsize
-// ...) clears them. The format string is kept only while the text is whole:
+// SetAt, ToUpper and ToLower keep them; copying or assigning a TString
+// copies them. Every other change of the text (assigning a text, the buffer
+// members, replacing, stripping inside, Ellipsize ...) clears them. The format string is kept only while the text is whole:
 // any cut or edit drops it.
 //
 // Case. ToUpper, ToLower and every ignoreCase option use simple (one unit
