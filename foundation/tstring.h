@@ -57,6 +57,7 @@
 #include <vector>
 
 #include "foundation/export.h"
+#include "foundation/errors.h"
 #include "foundation/tobject.h"
 
 class TStringParameterList;
@@ -66,9 +67,6 @@ class PLINTH_API TString : public TObject {
  public:
   static constexpr int kInlineUnits = 11;
   static constexpr int kMaxLength = 0x3FFFFFF0;
-  static constexpr int kErrBadParameter = -1010;
-  static constexpr int kErrNoMoreItems = -1024;
-  static constexpr int kErrNotFound = -1101;
 
   // Byte orders of raw UTF-16 input and output (AssignImport, StorBuffer).
   enum ByteOrder { kHostOrder = 0, kLittleEndian = 1, kBigEndian = 2 };

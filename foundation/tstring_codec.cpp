@@ -61,8 +61,8 @@ namespace {
 int ExportTo(const TString& s, void* buffer, size_t bufferSize, bool big, const char16_t* failFormat) {
   size_t need = s.StoreSize();
   if (buffer == nullptr || bufferSize < need) {
-    LogLine(514, failFormat, static_cast<int64_t>(need), static_cast<int64_t>(bufferSize), TString::kErrBadParameter);
-    return TString::kErrBadParameter;
+    LogLine(514, failFormat, static_cast<int64_t>(need), static_cast<int64_t>(bufferSize), kErrBadParameter);
+    return kErrBadParameter;
   }
   auto* p = static_cast<unsigned char*>(buffer);
   WriteCount(p, static_cast<uint32_t>(s.GetLength()), big);
@@ -95,7 +95,7 @@ size_t ImportFrom(TString* s, const void* buffer, size_t available, bool big, co
   }
   if (!ok) {
     LogLine(514, failFormat, static_cast<int64_t>(count), static_cast<int64_t>(available),
-            TString::kErrBadParameter);
+            kErrBadParameter);
     return 0;
   }
   int n = static_cast<int>(count);
@@ -127,8 +127,8 @@ namespace {
 int StoreUnits(const TString& s, void* buffer, size_t bufferSize, bool big, const char16_t* failFormat) {
   size_t need = 2 * static_cast<size_t>(s.GetLength());
   if ((buffer == nullptr && need > 0) || bufferSize < need) {
-    LogLine(514, failFormat, static_cast<int64_t>(need), static_cast<int64_t>(bufferSize), TString::kErrBadParameter);
-    return TString::kErrBadParameter;
+    LogLine(514, failFormat, static_cast<int64_t>(need), static_cast<int64_t>(bufferSize), kErrBadParameter);
+    return kErrBadParameter;
   }
   auto* p = static_cast<unsigned char*>(buffer);
   const char16_t* units = s.GetConstBuffer();
@@ -156,8 +156,8 @@ int AssignUnits(TString* s, const unsigned char* p, size_t byteCount, bool big) 
   size_t n = byteCount / 2;
   if (n > static_cast<size_t>(TString::kMaxLength)) {
     LogLine(514, u"TString::AssignImport: %~ld bytes is too long, %E", static_cast<int64_t>(byteCount),
-            TString::kErrBadParameter);
-    return TString::kErrBadParameter;
+            kErrBadParameter);
+    return kErrBadParameter;
   }
   s->Clear();
   char16_t* dst = s->GetBuffer(static_cast<int>(n));
@@ -168,7 +168,7 @@ int AssignUnits(TString* s, const unsigned char* p, size_t byteCount, bool big) 
 
 bool BadRaw(const void* bytes, size_t byteCount, const char16_t* failFormat) {
   if ((bytes != nullptr || byteCount == 0) && byteCount % 2 == 0) return false;
-  LogLine(514, failFormat, static_cast<int64_t>(byteCount), TString::kErrBadParameter);
+  LogLine(514, failFormat, static_cast<int64_t>(byteCount), kErrBadParameter);
   return true;
 }
 

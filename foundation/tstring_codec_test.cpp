@@ -119,7 +119,7 @@ TEST(TStringCodecTest, BadBase64IsRefused) {
                             u"Zh==",     u"Zm9=",     u"Zg==Zg==", u"Z===",  u"Zm\u00E9v", u"Zg==x"};
   for (const char16_t* text : kBad) {
     std::vector<uint8_t> out{1, 2, 3};
-    EXPECT_EQ(TString(text).Base64Decode(&out), TString::kErrBadParameter) << TStringAsString(TString(text));
+    EXPECT_EQ(TString(text).Base64Decode(&out), kErrBadParameter) << TStringAsString(TString(text));
     EXPECT_EQ(out, (std::vector<uint8_t>{1, 2, 3}));
   }
   EXPECT_EQ(host.Lines().size(), sizeof kBad / sizeof kBad[0]);
@@ -128,10 +128,10 @@ TEST(TStringCodecTest, BadBase64IsRefused) {
   EXPECT_EQ(TString(u"Zm9v\r\n YmFy\t").Base64Decode(&out), 0);  // line breaks are skipped
   EXPECT_EQ(out, Bytes("foobar"));
   for (const char16_t* text : {u"ABC", u"0G", u"\u0660\u0661", u"1 2 "}) {
-    EXPECT_EQ(TString(text).Base16Decode(&out), TString::kErrBadParameter);
+    EXPECT_EQ(TString(text).Base16Decode(&out), kErrBadParameter);
   }
   TString keep(u"Zm9vY");
-  EXPECT_EQ(keep.Base64Decode(), TString::kErrBadParameter);
+  EXPECT_EQ(keep.Base64Decode(), kErrBadParameter);
   EXPECT_EQ(keep, u"Zm9vY");
 }
 
@@ -203,8 +203,8 @@ TEST(TStringCodecTest, HandLaidImages) {
   EXPECT_EQ(first, u"x");
   EXPECT_EQ(second, u"yz");
   uint8_t small[5];
-  EXPECT_EQ(s.Export(small, sizeof small), TString::kErrBadParameter);
-  EXPECT_EQ(s.NetExport(nullptr, 100), TString::kErrBadParameter);
+  EXPECT_EQ(s.Export(small, sizeof small), kErrBadParameter);
+  EXPECT_EQ(s.NetExport(nullptr, 100), kErrBadParameter);
 }
 
 TEST(TStringCodecTest, HostileImportsAreRefused) {
@@ -221,12 +221,12 @@ TEST(TStringCodecTest, HostileImportsAreRefused) {
     std::copy(bytes.begin(), bytes.end(), copy.get());
     TString s(u"kept");
     size_t used = 99;
-    EXPECT_EQ(s.NetImport(copy.get(), bytes.size(), &used), TString::kErrBadParameter);
+    EXPECT_EQ(s.NetImport(copy.get(), bytes.size(), &used), kErrBadParameter);
     EXPECT_EQ(used, 0u);
     EXPECT_EQ(s, u"kept");
   }
   TString s(u"kept");
-  EXPECT_EQ(s.Import(nullptr, 10), TString::kErrBadParameter);
+  EXPECT_EQ(s.Import(nullptr, 10), kErrBadParameter);
   auto lines = host.LinesWithFormat("TString::NetImport: count %~ld does not fit in %~ld bytes, %E");
   ASSERT_EQ(lines.size(), kHostile.size());
   EXPECT_EQ(lines[2].args.at(0), 2u);
@@ -274,16 +274,16 @@ TEST(TStringCodecTest, RawUtf16ImportAndStore) {
   TString be;
   EXPECT_EQ(be.AssignImportBE(kBeBom, sizeof kBeBom), 0);
   EXPECT_EQ(be, u"A\u00E9");
-  EXPECT_EQ(be.AssignImportBE(kBe, 3), TString::kErrBadParameter);  // odd
+  EXPECT_EQ(be.AssignImportBE(kBe, 3), kErrBadParameter);  // odd
   EXPECT_EQ(be, u"A\u00E9");
-  EXPECT_EQ(be.AssignImport(nullptr, 4), TString::kErrBadParameter);
+  EXPECT_EQ(be.AssignImport(nullptr, 4), kErrBadParameter);
 
   uint8_t out[4];
   EXPECT_EQ(s.StorBuffer(out, sizeof out), 0);
   EXPECT_EQ(std::vector<uint8_t>(out, out + 4), std::vector<uint8_t>(kBe, kBe + 4));
   EXPECT_EQ(s.StorBufferLE(out, sizeof out), 0);
   EXPECT_EQ(std::vector<uint8_t>(out, out + 4), (std::vector<uint8_t>{0x41, 0, 0xE9, 0}));
-  EXPECT_EQ(s.StorBuffer(out, 3), TString::kErrBadParameter);
+  EXPECT_EQ(s.StorBuffer(out, 3), kErrBadParameter);
 
   std::mt19937 rng(43);
   for (int round = 0; round < 100; ++round) {
@@ -313,10 +313,10 @@ TEST(TStringCodecTest, BinaryRoundTrip) {
   }
   TString s(u"ab\u0100");
   uint8_t out[8];
-  EXPECT_EQ(s.GetBinary(out, sizeof out), TString::kErrBadParameter);  // not a byte
+  EXPECT_EQ(s.GetBinary(out, sizeof out), kErrBadParameter);  // not a byte
   TString small(u"abc");
-  EXPECT_EQ(small.GetBinary(out, 2), TString::kErrBadParameter);
-  EXPECT_EQ(small.AssignBinary(nullptr, 3), TString::kErrBadParameter);
+  EXPECT_EQ(small.GetBinary(out, 2), kErrBadParameter);
+  EXPECT_EQ(small.AssignBinary(nullptr, 3), kErrBadParameter);
 }
 
 }  // namespace

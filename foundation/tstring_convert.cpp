@@ -52,7 +52,7 @@ void DecodeUtf8(const char* text, size_t n, TString* out) {
   if (n == 0) return;
   if (n > static_cast<size_t>(TString::kMaxLength)) {
     LogLine(514, u"TString: UTF-8 text of %~ld bytes is too long, %E", static_cast<int64_t>(n),
-            TString::kErrBadParameter);
+            kErrBadParameter);
     return;
   }
   // Never more UTF-16 units than UTF-8 bytes.
@@ -271,7 +271,7 @@ TString ConvertUTF32toUTF16(const char32_t* text, size_t length) {
   if (text == nullptr || length == 0) return out;
   if (length > static_cast<size_t>(TString::kMaxLength) / 2) {
     LogLine(514, u"ConvertUTF32toUTF16: %~ld code points is too long, %E", static_cast<int64_t>(length),
-            TString::kErrBadParameter);
+            kErrBadParameter);
     return out;
   }
   char16_t* dst = out.GetBuffer(static_cast<int>(length * 2));

@@ -215,19 +215,19 @@ TEST(TStringConvertTest, AnsiBuffersRoundTrip) {
   std::strcpy(buffer, "caf\xC3\xA9 \xFF");
   EXPECT_EQ(s.ReleaseBufferAnsi(), 0);
   EXPECT_EQ(Units(s), u"caf\u00E9 \uFFFD");
-  EXPECT_EQ(s.ReleaseBufferAnsi(), TString::kErrBadParameter);  // nothing taken
+  EXPECT_EQ(s.ReleaseBufferAnsi(), kErrBadParameter);  // nothing taken
 
   buffer = s.GetBufferAnsi(4);
   EXPECT_EQ(s.ReleaseBufferAnsi(3), 0);
   EXPECT_EQ(Units(s), u"caf");
   s.GetBufferAnsi(0);
-  EXPECT_EQ(s.ReleaseBufferAnsi(100), TString::kErrBadParameter);  // clamped
+  EXPECT_EQ(s.ReleaseBufferAnsi(100), kErrBadParameter);  // clamped
   EXPECT_EQ(Units(s), u"caf");
 
   const char* read = s.ReadBufferAnsi();
   EXPECT_STREQ(read, "caf");
   s.CloseBufferAnsi();
-  EXPECT_EQ(s.AssignAnsi(nullptr, 3), TString::kErrBadParameter);
+  EXPECT_EQ(s.AssignAnsi(nullptr, 3), kErrBadParameter);
   EXPECT_EQ(Units(s), u"caf");
   EXPECT_EQ(s.AssignAnsi("\xE2\x82\xAC", -1), 0);
   EXPECT_EQ(Units(s), u"\u20AC");
@@ -257,7 +257,7 @@ TEST(TStringConvertTest, AnsiCutsKeepWholeCharacters) {
   TestHost host;
   TString s(u"abc");
   char one[1];
-  EXPECT_EQ(s.FillBufferAnsi(one, 0), TString::kErrBadParameter);
+  EXPECT_EQ(s.FillBufferAnsi(one, 0), kErrBadParameter);
   EXPECT_EQ(host.Lines().size(), 1u);
 }
 

@@ -93,7 +93,7 @@ TEST(TStringTest, EditsMatchU16StringModel) {
         case 5: {
           int at = static_cast<int>(rng() % (model.size() + 2)) - 1;
           bool inside = at >= 0 && at < static_cast<int>(model.size());
-          EXPECT_EQ(s.SetAt(at, u'Z'), inside ? 0 : TString::kErrBadParameter);
+          EXPECT_EQ(s.SetAt(at, u'Z'), inside ? 0 : kErrBadParameter);
           if (inside) model[static_cast<size_t>(at)] = u'Z';
           break;
         }
@@ -137,7 +137,7 @@ TEST(TStringTest, DirectBuffer) {
   EXPECT_EQ(s, u"aXc");
   TestHost host;
   s.GetBuffer(2);
-  EXPECT_EQ(s.ReleaseBuffer(1 << 20), TString::kErrBadParameter);
+  EXPECT_EQ(s.ReleaseBuffer(1 << 20), kErrBadParameter);
   EXPECT_LE(s.GetLength(), 1 << 20);
   EXPECT_EQ(s.GetConstBuffer()[s.GetLength()], 0);
   EXPECT_EQ(s.GetBuffer(TString::kMaxLength + 1), nullptr);
@@ -147,10 +147,10 @@ TEST(TStringTest, DirectBuffer) {
 TEST(TStringTest, RefusalsAreLogged) {
   TestHost host;
   TString s(u"abc");
-  EXPECT_EQ(s.SetAt(3, u'x'), TString::kErrBadParameter);
-  EXPECT_EQ(s.Assign(nullptr, 4), TString::kErrBadParameter);
-  EXPECT_EQ(s.Append(nullptr, 4), TString::kErrBadParameter);
-  EXPECT_EQ(s.Fill(u'x', -2), TString::kErrBadParameter);
+  EXPECT_EQ(s.SetAt(3, u'x'), kErrBadParameter);
+  EXPECT_EQ(s.Assign(nullptr, 4), kErrBadParameter);
+  EXPECT_EQ(s.Append(nullptr, 4), kErrBadParameter);
+  EXPECT_EQ(s.Fill(u'x', -2), kErrBadParameter);
   EXPECT_EQ(s, u"abc");
   auto lines = host.LinesWithFormat("TString::SetAt: index %~d outside a text of %~d units, %E");
   ASSERT_EQ(lines.size(), 1u);
@@ -261,7 +261,7 @@ TEST(TStringTest, TokensMatchSplit) {
       EXPECT_EQ(Units(token), parts[i]);
     }
     TString token;
-    EXPECT_EQ(s.GetNthToken(static_cast<int>(parts.size()), TString(u",;"), &token), TString::kErrNoMoreItems);
+    EXPECT_EQ(s.GetNthToken(static_cast<int>(parts.size()), TString(u",;"), &token), kErrNoMoreItems);
   }
   TString self(u"x/y");
   EXPECT_EQ(self.GetNthToken(1, TString(u"/"), &self), 0);
@@ -292,7 +292,7 @@ TEST(TStringTest, ReplaceSubstringMatchesModel) {
     EXPECT_EQ(Units(s), model);
   }
   TString s(u"abc");
-  EXPECT_EQ(s.ReplaceSubstring(TString(), TString(u"x")), TString::kErrBadParameter);
+  EXPECT_EQ(s.ReplaceSubstring(TString(), TString(u"x")), kErrBadParameter);
   TString appended(u">");
   appended.AppendWithReplace(TString(u"a.b.c"), TString(u"."), TString(u"::"));
   EXPECT_EQ(appended, u">a::b::c");
@@ -373,7 +373,7 @@ TEST(TStringTest, EllipsizeKeepsHeadAndTail) {
     }
   }
   TString s(u"abc");
-  EXPECT_EQ(s.Ellipsize(-1, TString::kEllipsisEnd), TString::kErrBadParameter);
+  EXPECT_EQ(s.Ellipsize(-1, TString::kEllipsisEnd), kErrBadParameter);
   TString m(u"abcdefghij");
   m.Ellipsize(8, TString::kEllipsisMiddle);
   EXPECT_EQ(m, u"abc...ij");
@@ -426,7 +426,7 @@ TEST(TStringTest, PathHelpers) {
   EXPECT_EQ(same.RemoveVolumesMountPoint(TString(u"\\mnt\\vol")), 0);
   EXPECT_EQ(same, u"/");
   TString other(u"/mnt/volume/a");
-  EXPECT_EQ(other.RemoveVolumesMountPoint(TString(u"/mnt/vol")), TString::kErrNotFound);
+  EXPECT_EQ(other.RemoveVolumesMountPoint(TString(u"/mnt/vol")), kErrNotFound);
   EXPECT_EQ(other, u"/mnt/volume/a");
   EXPECT_EQ(host.Lines().size(), 1u);
 }
@@ -495,7 +495,7 @@ TEST(TStringParametersTest, FollowLeftMidRight) {
     EXPECT_EQ(s.GetFormatString(&format), 0);
     EXPECT_EQ(format, u"%d");
     if (count < n) {
-      EXPECT_EQ(s.Mid(a, b).GetFormatString(nullptr), TString::kErrNotFound);
+      EXPECT_EQ(s.Mid(a, b).GetFormatString(nullptr), kErrNotFound);
     }
   }
 }
@@ -530,10 +530,10 @@ TEST(TStringParametersTest, EditsCarryOrClearThem) {
   EXPECT_EQ(assigned.GetParameterCount(), 0);
 
   TestHost host;
-  EXPECT_EQ(s.GetParametric(1, nullptr), TString::kErrNoMoreItems);
-  EXPECT_EQ(s.GetParametric(-1, nullptr), TString::kErrBadParameter);
-  EXPECT_EQ(s.AddParameter(u'd', 7, 5, TString()), TString::kErrBadParameter);
-  EXPECT_EQ(s.RemoveParametric(1), TString::kErrBadParameter);
+  EXPECT_EQ(s.GetParametric(1, nullptr), kErrNoMoreItems);
+  EXPECT_EQ(s.GetParametric(-1, nullptr), kErrBadParameter);
+  EXPECT_EQ(s.AddParameter(u'd', 7, 5, TString()), kErrBadParameter);
+  EXPECT_EQ(s.RemoveParametric(1), kErrBadParameter);
   EXPECT_EQ(s.RemoveParametric(0), 0);
   EXPECT_EQ(s.GetParameterCount(), 0);
   EXPECT_TRUE(s.Identical(TString(u"value 42")));
