@@ -357,7 +357,7 @@ void* Resize(void* ptr, size_t newSize, bool mayFail) {
       OutOfMemory(126, newSize);
     }
     std::memcpy(static_cast<char*>(raw) + kHeaderSize, ptr, std::min(oldSize, newSize));
-    if ((flags & kMemWipeOnFree) != 0) explicit_bzero(ptr, oldSize);
+    if ((flags & kMemWipeOnFree) != 0) platform::WipeBytes(ptr, oldSize);
     std::free(header);
   }
   Count(0, static_cast<int64_t>(newSize) - size);
@@ -385,7 +385,7 @@ void MemFree(void* ptr) {
     Debug("memutil_win", 160, 0);
     return;
   }
-  if ((flags & kMemWipeOnFree) != 0) explicit_bzero(ptr, static_cast<size_t>(size));
+  if ((flags & kMemWipeOnFree) != 0) platform::WipeBytes(ptr, static_cast<size_t>(size));
   std::atomic_ref<uint64_t>(header->flags).store(flags | kFreedMark, std::memory_order_relaxed);
   std::atomic_ref<int64_t>(header->size).store(-size, std::memory_order_relaxed);
   Shard* shard = CurrentShard();

@@ -23,13 +23,15 @@
 //    256 MiB) and its bytes are overwritten with 0xDD, so double frees and
 //    reads of freed blocks show up reliably within that window.
 // A second MemFree of a block that is still held is an assertion
-// ("memutil_win", line 160) and changes nothing.
+// ("memutil_win", line 160) and changes nothing. The check is not a lock:
+// two threads freeing one block at the same instant may both pass it.
 //
 // Out of memory. MemAlloc never returns null. When the heap refuses even
 // after the recovery steps (release held blocks, trim the heap, try again),
 // MemAlloc raises the assertion ("memutil_win", line 74; 126 in MemRealloc),
-// a fatal alert "MemAlloc: out of memory (%ld bytes)", writes the same text
-// to stderr and aborts the process. Code that can live without a large
+// then a fatal alert "MemAlloc: out of memory (<size> bytes)", writes the
+// same text to stderr and aborts the process: carrying on without the
+// memory would only fail later and further from the cause. Code that can live without a large
 // buffer asks MemTryRealloc instead, which answers null.
 #ifndef PLINTH_FOUNDATION_MEMORY_H_
 #define PLINTH_FOUNDATION_MEMORY_H_

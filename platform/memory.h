@@ -23,6 +23,10 @@ void* ReserveAddressSpace(size_t bytes);
 // Gives back a reservation made by ReserveAddressSpace.
 void ReleaseAddressSpace(void* base, size_t bytes);
 
+// Overwrites `bytes` bytes at `where` with zeros in a way the compiler may
+// not drop as a dead store (secrets about to be freed).
+void WipeBytes(void* where, size_t bytes);
+
 // Returns free memory at the top of the heap and in its arenas to the system.
 void TrimHeap();
 

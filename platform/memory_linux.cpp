@@ -67,6 +67,10 @@ void ReleaseAddressSpace(void* base, size_t bytes) {
   if (base != nullptr) munmap(base, bytes);
 }
 
+void WipeBytes(void* where, size_t bytes) {
+  if (bytes != 0) explicit_bzero(where, bytes);
+}
+
 void TrimHeap() { malloc_trim(0); }
 
 bool HeapIsValid() { return true; }
