@@ -1,0 +1,153 @@
+// TMemory, a handle to a resizable block of bytes.
+//
+// The storage lives on the heap (MemAlloc), in a memory pool (flag
+// kTMemPooled) or in a mapped file (kTMemMapped); this build keeps it on the
+// heap, and asking for the other two is refused with kMemErrNotSupported.
+// Whatever the storage, the bytes are reached through MemPtr(); for pooled
+// storage every MemPtr must be paired with UnLock().
+//
+// Sizes. The used size (GetSize) and the allocated size are unsigned 32-bit.
+// The allocation runs ahead of the used size: growth past the allocation
+// takes at least half as much again, so a run of small SetSize steps moves
+// the block only a logarithmic number of times. Bytes past the used size are
+// kept zero, so growing always shows zeros.
+//
+// Lock count. Lock() pins the storage (MemPtr on pooled storage does the
+// same, UnLock() undoes either). While the count is non-zero the storage
+// never moves: growth beyond the allocated size, AllocBuffer beyond it and
+// Reset fail with kMemErrLocked, and shrinks only lower the used size.
+// MemPtr on heap storage does not count, so it needs no UnLock. UnLock with
+// a count of 0 is an assertion ("tmemory"). Destroying a locked block is an
+// assertion too, and the block is freed anyway.
+//
+// Priorities. The priority says how a refused allocation is treated:
+// kMemPriorityNormal fails with kMemErrOutOfMemory and logs at selector 517;
+// kMemPriorityRequired (the block cannot be done without) does the same and
+// raises the assertion "tmemory", line 420; kMemPriorityOptional logs at 514
+// (a failure the caller expects and handles). Other values are treated as
+// normal. kMemPriorityOwn (-1, or 65535 as the buffers pass it) means the
+// block's own priority.
+//
+// Managed list. Blocks with kTMemManaged are linked into one process-wide
+// list; their used sizes add up to GetUsageBytes() and their number to
+// GetUsageCount(). The list, its totals and every SetFlags are guarded by
+// one recursive monitor (MonitorEnter/MonitorExit), which the pools share.
+//
+// A TMemory is not itself thread-safe: one thread at a time uses a handle.
+#ifndef PLINTH_FOUNDATION_TMEMORY_H_
+#define PLINTH_FOUNDATION_TMEMORY_H_
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "foundation/export.h"
+#include "foundation/tobject.h"
+
+class TMemPool;
+class TString;
+
+// Library error codes of this module.
+constexpr int kMemErrOutOfMemory = -625;
+constexpr int kMemErrTooLarge = -626;
+constexpr int kMemErrNotSupported = -1012;
+constexpr int kMemErrLocked = -1020;
+
+// Flag bits.
+constexpr unsigned int kTMemManaged = 1;
+constexpr unsigned int kTMemPooled = 2;
+constexpr unsigned int kTMemMapped = 8;
+// Marks of the managed list's users; cleared whenever kTMemManaged is.
+constexpr unsigned int kTMemManagedMarks = 64 | 128;
+// Coarse growth: allocations in steps of 1, 8 or 32 KiB (see AllocSize).
+constexpr unsigned int kTMemCoarse = 256;
+
+// Priorities.
+constexpr int kMemPriorityOwn = -1;
+constexpr int kMemPriorityNormal = 0;
+constexpr int kMemPriorityRequired = 1;
+constexpr int kMemPriorityOptional = 2;
+
+class PLINTH_API TMemory : public TObject {
+ public:
+  TMemory();
+  explicit TMemory(int priority);
+  // Copies the contents, priority and the managed and coarse flags. With a
+  // `pool` the copy asks for pooled storage there; when that is refused it
+  // keeps the contents on the heap and CheckError() tells why.
+  TMemory(const TMemory& other, TMemPool* pool = nullptr);
+  // Copies the contents and priority; the flags and pool stay.
+  TMemory& operator=(const TMemory& other);
+  ~TMemory();
+
+  uint32_t GetSize() const { return m_size; }
+  uint32_t GetAllocatedSize() const { return m_allocSize; }
+  // The age stamp given when the block joined a pool (0 on the heap).
+  uint32_t GetLastUsed() const { return m_id; }
+  uint16_t GetFlags() const { return m_flags; }
+  // Flags become (old | set) & ~clear, under the monitor.
+  int SetFlags(unsigned int set, unsigned int clear);
+  int GetLockCount() const { return m_lockCount.load(std::memory_order_relaxed); }
+  int GetPriority() const { return m_priority; }
+  void SetPriority(int priority) { m_priority = static_cast<int16_t>(priority); }
+  TMemPool* GetMemPool() const { return m_pool; }
+  // Names the pool that kTMemPooled will use.
+  int SetMemPool(TMemPool* pool);
+
+  // Resizes, keeping the contents up to the smaller size. Sizes above
+  // 4294967295 fail with kMemErrTooLarge; shrinks by less than 1024 bytes
+  // never move the block.
+  int SetSize(uint64_t size, int priority = kMemPriorityOwn);
+  // Replaces the contents with `size` zero bytes; nothing is copied.
+  int AllocBuffer(uint64_t size, int priority = kMemPriorityOwn);
+
+  // The bytes (null while empty).
+  void* MemPtr();
+  void Lock();
+  void UnLock();
+
+  // Frees the storage; flags, priority and pool stay.
+  int Reset();
+  // Sets the used bytes to zero.
+  void Zero();
+  // The contents as UTF-16 code units in host order: GetSize() / 2 units
+  // (an odd last byte is left out); FromString stores 2 bytes per unit.
+  int ToString(TString* out) const;
+  int FromString(const TString& text);
+  int CheckError() const { return m_lastError; }
+
+  static int GetUsageCount();
+  static uint64_t GetUsageBytes();
+  static void MonitorEnter();
+  static void MonitorExit();
+
+  // The allocation for `size` bytes under `flags`: with kTMemCoarse a
+  // multiple of 1024 up to 8192, of 8192 below 1048576, of 32768 above;
+  // otherwise a multiple of 8.
+  static uint64_t AllocSize(uint64_t size, unsigned int flags);
+
+ private:
+  int Record(int code) { return m_lastError = code; }
+  int CopyFrom(const TMemory& other);
+  int Grow(uint32_t size, int priority);
+  void ShrinkInPlace(uint32_t size);
+  bool ResizeStorage(uint32_t allocSize);
+  void ReleaseStorage();
+  void UsedSizeChanged(uint32_t oldSize);
+  void JoinManaged();
+  void LeaveManaged();
+
+  void* m_ptr = nullptr;
+  uint32_t m_size = 0;
+  uint32_t m_allocSize = 0;
+  uint16_t m_flags = 0;
+  std::atomic<int32_t> m_lockCount{0};  // read by the pools under their lock
+  int16_t m_priority = kMemPriorityNormal;
+  TMemPool* m_pool = nullptr;
+  uint32_t m_id = 0;
+  int m_lastError = 0;
+  TMemory* m_prevManaged = nullptr;
+  TMemory* m_nextManaged = nullptr;
+};
+
+#endif  // PLINTH_FOUNDATION_TMEMORY_H_
