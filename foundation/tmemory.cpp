@@ -88,8 +88,8 @@ uint64_t TMemory::AllocSize(uint64_t size, unsigned int flags) {
 
 int TMemory::SetSize(uint64_t size, int priority) {
   if (size > kMaxSize) {
-    LogLine(514, u"TMemory::SetSize: size %ld above the limit, %E", static_cast<int64_t>(size), kMemErrTooLarge);
-    return Record(kMemErrTooLarge);
+    LogLine(514, u"TMemory::SetSize: size %ld above the limit, %E", static_cast<int64_t>(size), kErrMemSizeTooLarge);
+    return Record(kErrMemSizeTooLarge);
   }
   uint32_t newSize = static_cast<uint32_t>(size);
   // Small shrinks never move the block: a buffer that breathes by a few
@@ -126,8 +126,8 @@ int TMemory::SetSize(uint64_t size, int priority) {
 
 int TMemory::Grow(uint32_t size, int priority) {
   if (GetLockCount() != 0) {
-    LogLine(514, u"TMemory::SetSize: block is locked, %E", kMemErrLocked);
-    return kMemErrLocked;
+    LogLine(514, u"TMemory::SetSize: block is locked, %E", kErrInUse);
+    return kErrInUse;
   }
   uint64_t wanted = std::max<uint64_t>(size, uint64_t{m_allocSize} + m_allocSize / 2);
   auto ahead = static_cast<uint32_t>(std::min(AllocSize(wanted, m_flags), kMaxSize));
@@ -140,7 +140,7 @@ int TMemory::Grow(uint32_t size, int priority) {
       LogLine(priority == kMemPriorityOptional ? 514 : 517, u"TMemory::SetSize: priority %d failed from %K to %K",
               priority, Kilobytes(m_size), Kilobytes(size));
       if (priority == kMemPriorityRequired) Debug("tmemory", 420, 0);
-      return kMemErrOutOfMemory;
+      return kErrMemOutOfMemory;
     }
   }
   uint32_t oldSize = m_size;
@@ -174,8 +174,8 @@ void TMemory::ReleaseStorage() {
 int TMemory::AllocBuffer(uint64_t size, int priority) {
   if (GetLockCount() != 0) {
     if (size > m_allocSize) {
-      LogLine(514, u"TMemory::AllocBuffer: block is locked, %E", kMemErrLocked);
-      return Record(kMemErrLocked);
+      LogLine(514, u"TMemory::AllocBuffer: block is locked, %E", kErrInUse);
+      return Record(kErrInUse);
     }
     Zero();
     return SetSize(size, priority);
@@ -201,8 +201,8 @@ void TMemory::UnLock() {
 
 int TMemory::Reset() {
   if (GetLockCount() != 0) {
-    LogLine(514, u"TMemory::Reset: block is locked, %E", kMemErrLocked);
-    return Record(kMemErrLocked);
+    LogLine(514, u"TMemory::Reset: block is locked, %E", kErrInUse);
+    return Record(kErrInUse);
   }
   uint32_t oldSize = m_size;
   ReleaseStorage();
@@ -229,8 +229,8 @@ int TMemory::FromString(const TString& text) {
 
 int TMemory::SetMemPool(TMemPool* pool) {
   if ((m_flags & kTMemPooled) != 0 && pool != m_pool) {
-    LogLine(514, u"TMemory::SetMemPool: pooled storage not available, %E", kMemErrNotSupported);
-    return Record(kMemErrNotSupported);
+    LogLine(514, u"TMemory::SetMemPool: pooled storage not available, %E", kErrNotSupported);
+    return Record(kErrNotSupported);
   }
   m_pool = pool;
   return Record(0);
@@ -242,12 +242,12 @@ int TMemory::SetFlags(unsigned int set, unsigned int clear) {
   if ((clear & kTMemManaged) != 0) next &= ~kTMemManagedMarks;
   unsigned int changed = m_flags ^ next;
   if ((changed & kTMemPooled) != 0) {
-    LogLine(514, u"TMemory::SetFlags: pooled storage not available, %E", kMemErrNotSupported);
-    return Record(kMemErrNotSupported);
+    LogLine(514, u"TMemory::SetFlags: pooled storage not available, %E", kErrNotSupported);
+    return Record(kErrNotSupported);
   }
   if ((changed & kTMemMapped) != 0) {
-    LogLine(514, u"TMemory::SetFlags: mapped-file storage not available, %E", kMemErrNotSupported);
-    return Record(kMemErrNotSupported);
+    LogLine(514, u"TMemory::SetFlags: mapped-file storage not available, %E", kErrNotSupported);
+    return Record(kErrNotSupported);
   }
   if ((changed & kTMemManaged) != 0) {
     if ((next & kTMemManaged) != 0) {

@@ -2,7 +2,7 @@
 //
 // The storage lives on the heap (MemAlloc), in a memory pool (flag
 // kTMemPooled) or in a mapped file (kTMemMapped); this build keeps it on the
-// heap, and asking for the other two is refused with kMemErrNotSupported.
+// heap, and asking for the other two is refused with kErrNotSupported.
 // Whatever the storage, the bytes are reached through MemPtr(); for pooled
 // storage every MemPtr must be paired with UnLock().
 //
@@ -15,13 +15,13 @@
 // Lock count. Lock() pins the storage (MemPtr on pooled storage does the
 // same, UnLock() undoes either). While the count is non-zero the storage
 // never moves: growth beyond the allocated size, AllocBuffer beyond it and
-// Reset fail with kMemErrLocked, and shrinks only lower the used size.
+// Reset fail with kErrInUse, and shrinks only lower the used size.
 // MemPtr on heap storage does not count, so it needs no UnLock. UnLock with
 // a count of 0 is an assertion ("tmemory"). Destroying a locked block is an
 // assertion too, and the block is freed anyway.
 //
 // Priorities. The priority says how a refused allocation is treated:
-// kMemPriorityNormal fails with kMemErrOutOfMemory and logs at selector 517;
+// kMemPriorityNormal fails with kErrMemOutOfMemory and logs at selector 517;
 // kMemPriorityRequired (the block cannot be done without) does the same and
 // raises the assertion "tmemory", line 420; kMemPriorityOptional logs at 514
 // (a failure the caller expects and handles). Other values are treated as
@@ -41,6 +41,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "foundation/errors.h"
 #include "foundation/export.h"
 #include "foundation/tobject.h"
 
@@ -48,10 +49,6 @@ class TMemPool;
 class TString;
 
 // Library error codes of this module.
-constexpr int kMemErrOutOfMemory = -625;
-constexpr int kMemErrTooLarge = -626;
-constexpr int kMemErrNotSupported = -1012;
-constexpr int kMemErrLocked = -1020;
 
 // Flag bits.
 constexpr unsigned int kTMemManaged = 1;
@@ -95,7 +92,7 @@ class PLINTH_API TMemory : public TObject {
   int SetMemPool(TMemPool* pool);
 
   // Resizes, keeping the contents up to the smaller size. Sizes above
-  // 4294967295 fail with kMemErrTooLarge; shrinks by less than 1024 bytes
+  // 4294967295 fail with kErrMemSizeTooLarge; shrinks by less than 1024 bytes
   // never move the block.
   int SetSize(uint64_t size, int priority = kMemPriorityOwn);
   // Replaces the contents with `size` zero bytes; nothing is copied.

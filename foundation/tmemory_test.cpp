@@ -99,8 +99,8 @@ TEST(TMemoryTest, SizeAboveFourGigabytesIsRefused) {
   TestHost host;
   TMemory block;
   ASSERT_EQ(block.SetSize(10), 0);
-  EXPECT_EQ(block.SetSize(uint64_t{1} << 32), kMemErrTooLarge);
-  EXPECT_EQ(block.CheckError(), kMemErrTooLarge);
+  EXPECT_EQ(block.SetSize(uint64_t{1} << 32), kErrMemSizeTooLarge);
+  EXPECT_EQ(block.CheckError(), kErrMemSizeTooLarge);
   EXPECT_EQ(block.GetSize(), 10u);
   EXPECT_EQ(host.LinesWithFormat("TMemory::SetSize: size %ld above the limit, %E").size(), 1u);
 }
@@ -129,8 +129,8 @@ TEST(TMemoryTest, RefusedGrowthLogsByPriority) {
     ASSERT_EQ(block.SetSize(3000), 0);
     std::memset(block.MemPtr(), 0x42, 3000);
     MemFailNextHeapRequests(4);  // two heap requests per try, two tries
-    EXPECT_EQ(block.SetSize(300000, c.passed), kMemErrOutOfMemory);
-    EXPECT_EQ(block.CheckError(), kMemErrOutOfMemory);
+    EXPECT_EQ(block.SetSize(300000, c.passed), kErrMemOutOfMemory);
+    EXPECT_EQ(block.CheckError(), kErrMemOutOfMemory);
     EXPECT_EQ(block.GetSize(), 3000u);
     std::vector<LoggedLine> lines = host.LinesWithFormat(kFailFormat);
     ASSERT_EQ(lines.size(), 1u);
@@ -162,13 +162,13 @@ TEST(TMemoryTest, LockedBlocksNeverMove) {
   ASSERT_EQ(block.SetSize(20000), 0);
   void* where = block.MemPtr();
   block.Lock();
-  EXPECT_EQ(block.SetSize(block.GetAllocatedSize() + 1), kMemErrLocked);
+  EXPECT_EQ(block.SetSize(block.GetAllocatedSize() + 1), kErrInUse);
   EXPECT_EQ(block.SetSize(block.GetAllocatedSize()), 0);
   EXPECT_EQ(block.SetSize(100), 0);
   EXPECT_EQ(block.MemPtr(), where);
   EXPECT_EQ(block.AllocBuffer(10), 0);
-  EXPECT_EQ(block.AllocBuffer(1000000), kMemErrLocked);
-  EXPECT_EQ(block.Reset(), kMemErrLocked);
+  EXPECT_EQ(block.AllocBuffer(1000000), kErrInUse);
+  EXPECT_EQ(block.Reset(), kErrInUse);
   EXPECT_EQ(block.MemPtr(), where);
   EXPECT_EQ(block.GetLockCount(), 1);
   block.UnLock();
@@ -208,17 +208,17 @@ TEST(TMemoryTest, PooledAndMappedStorageAreRefused) {
   TestHost host;
   TMemory block;
   ASSERT_EQ(block.FromString(u"abc"), 0);
-  EXPECT_EQ(block.SetFlags(kTMemPooled, 0), kMemErrNotSupported);
-  EXPECT_EQ(block.SetFlags(kTMemMapped | kTMemCoarse, 0), kMemErrNotSupported);
+  EXPECT_EQ(block.SetFlags(kTMemPooled, 0), kErrNotSupported);
+  EXPECT_EQ(block.SetFlags(kTMemMapped | kTMemCoarse, 0), kErrNotSupported);
   EXPECT_EQ(block.GetFlags(), 0u);
-  EXPECT_EQ(block.CheckError(), kMemErrNotSupported);
+  EXPECT_EQ(block.CheckError(), kErrNotSupported);
   EXPECT_EQ(host.LinesWithFormat("TMemory::SetFlags: pooled storage not available, %E").size(), 1u);
   EXPECT_EQ(host.LinesWithFormat("TMemory::SetFlags: mapped-file storage not available, %E").size(), 1u);
   // A copy into a pool keeps its contents on the heap and says why.
   int poolStandIn = 0;
   auto* pool = reinterpret_cast<TMemPool*>(&poolStandIn);
   TMemory copy(block, pool);
-  EXPECT_EQ(copy.CheckError(), kMemErrNotSupported);
+  EXPECT_EQ(copy.CheckError(), kErrNotSupported);
   EXPECT_EQ(copy.GetMemPool(), pool);
   TString text;
   ASSERT_EQ(copy.ToString(&text), 0);
