@@ -52,6 +52,19 @@ TFolderLoc FolderUnder(const std::string& base, const char* leaf) {
   return TFolderLoc(TStringFromUTF8(base + "/" + leaf));
 }
 
+// A service account gets `serviceFolder`; anyone else plinth20 under the
+// absolute folder in `xdgVariable`, else `homeLeaf` under the home folder.
+TFolderLoc ChooseFolder(const char* serviceFolder, const char* xdgVariable, const char* homeLeaf) {
+  if (platform::IsServiceAccount() || IsNamedServiceAccount(platform::UserName())) {
+    return TFolderLoc(TStringFromUTF8(serviceFolder));
+  }
+  std::string xdg = platform::EnvironmentValue(xdgVariable);
+  if (!xdg.empty() && xdg[0] == '/') return FolderUnder(xdg, "plinth20");
+  std::string home = platform::HomeFolder();
+  if (home.empty()) return TFolderLoc(TString(u"/tmp/plinth20"));
+  return FolderUnder(home, homeLeaf);
+}
+
 // Formats the resource text group/key with the arguments.
 void FormatResource(TString* out, unsigned short group, const char (&key)[5], ...) {
   TString format;
@@ -118,31 +131,11 @@ void PlinthEnvType::Init() {
 void PlinthEnvType::SetResourcesFolder() { resourcesFolder = installFolder; }
 
 void PlinthEnvType::SetWorkFolder() {
-  if (platform::IsServiceAccount() || IsNamedServiceAccount(platform::UserName())) {
-    workFolder.Set(u"/var/cache/plinth20");
-    return;
-  }
-  std::string cache = platform::EnvironmentValue("XDG_CACHE_HOME");
-  if (!cache.empty() && cache[0] == '/') {
-    workFolder = FolderUnder(cache, "plinth20");
-    return;
-  }
-  std::string home = platform::HomeFolder();
-  workFolder = home.empty() ? TFolderLoc(TString(u"/tmp/plinth20")) : FolderUnder(home, ".cache/plinth20");
+  workFolder = ChooseFolder("/var/cache/plinth20", "XDG_CACHE_HOME", ".cache/plinth20");
 }
 
 void PlinthEnvType::SetUserFolder() {
-  if (platform::IsServiceAccount() || IsNamedServiceAccount(platform::UserName())) {
-    userFolder.Set(u"/var/lib/plinth20");
-    return;
-  }
-  std::string data = platform::EnvironmentValue("XDG_DATA_HOME");
-  if (!data.empty() && data[0] == '/') {
-    userFolder = FolderUnder(data, "plinth20");
-    return;
-  }
-  std::string home = platform::HomeFolder();
-  userFolder = home.empty() ? TFolderLoc(TString(u"/tmp/plinth20")) : FolderUnder(home, ".local/share/plinth20");
+  userFolder = ChooseFolder("/var/lib/plinth20", "XDG_DATA_HOME", ".local/share/plinth20");
 }
 
 int LoadRequirements(RequirementsSpec* out) {

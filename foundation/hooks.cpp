@@ -90,6 +90,12 @@ int64_t Forward(Fn fn, TString* fmt, va_list ap, Lead... lead) {
   return CallWithFormatArgs<int64_t>(fn, args, lead...);
 }
 
+// Both script partners answer 0 while no host handles scripts.
+int64_t ForwardScript(ScriptFn fn, TString* event, TString* a, TString* b, TString* fmt, va_list ap) {
+  if (fn == nullptr) return 0;
+  return Forward(fn, fmt, ap, event, a, b, fmt);
+}
+
 bool IsAlertMark(char16_t c) {
   return c == u'!' || c == u'#' || c == u'*' || c == u'+' || c == u'<' || c == u'>' || c == u'?';
 }
@@ -375,21 +381,17 @@ void SuspendOtherThreads() {
 }
 
 int64_t TriggerScript(TString* event, TString* a, TString* b, TString* fmt, ...) {
-  ScriptFn fn = g_triggerScript.Get();
-  if (fn == nullptr) return 0;
   va_list ap;
   va_start(ap, fmt);
-  int64_t result = Forward(fn, fmt, ap, event, a, b, fmt);
+  int64_t result = ForwardScript(g_triggerScript.Get(), event, a, b, fmt, ap);
   va_end(ap);
   return result;
 }
 
 int64_t AssembleScriptArgs(TString* event, TString* a, TString* b, TString* fmt, ...) {
-  ScriptFn fn = g_assembleScriptArgs.Get();
-  if (fn == nullptr) return 0;
   va_list ap;
   va_start(ap, fmt);
-  int64_t result = Forward(fn, fmt, ap, event, a, b, fmt);
+  int64_t result = ForwardScript(g_assembleScriptArgs.Get(), event, a, b, fmt, ap);
   va_end(ap);
   return result;
 }

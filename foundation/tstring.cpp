@@ -43,23 +43,7 @@ TString::TString(const TString& other) {
   m_byteOrder = other.m_byteOrder;
 }
 
-TString::TString(TString&& other) noexcept
-    : m_length(other.m_length),
-      m_capacity(other.m_capacity),
-      m_params(std::exchange(other.m_params, nullptr)),
-      m_ansi(std::exchange(other.m_ansi, nullptr)),
-      m_ansiSize(std::exchange(other.m_ansiSize, 0)),
-      m_byteOrder(other.m_byteOrder) {
-  if (other.m_data == other.m_inline) {
-    std::memcpy(m_inline, other.m_inline, sizeof m_inline);
-  } else {
-    m_data = other.m_data;
-  }
-  other.m_data = other.m_inline;
-  other.m_capacity = kInlineUnits;
-  other.m_length = 0;
-  other.m_inline[0] = 0;
-}
+TString::TString(TString&& other) noexcept { TakeFrom(&other); }
 
 TString::TString(const char16_t* text, int length) { Assign(text, length); }
 
@@ -88,23 +72,29 @@ TString& TString::operator=(TString&& other) noexcept {
   if (m_data != m_inline) MemFree(m_data);
   delete m_params;
   MemFree(m_ansi);
-  m_length = other.m_length;
-  m_capacity = other.m_capacity;
-  m_params = std::exchange(other.m_params, nullptr);
-  m_ansi = std::exchange(other.m_ansi, nullptr);
-  m_ansiSize = std::exchange(other.m_ansiSize, 0);
-  m_byteOrder = other.m_byteOrder;
-  if (other.m_data == other.m_inline) {
-    m_data = m_inline;
-    std::memcpy(m_inline, other.m_inline, sizeof m_inline);
-  } else {
-    m_data = other.m_data;
-  }
-  other.m_data = other.m_inline;
-  other.m_capacity = kInlineUnits;
-  other.m_length = 0;
-  other.m_inline[0] = 0;
+  TakeFrom(&other);
   return *this;
+}
+
+// Moves `other`'s text, parameters and buffers into this string, whose own
+// storage is already released, and leaves `other` empty.
+void TString::TakeFrom(TString* other) {
+  m_length = other->m_length;
+  m_capacity = other->m_capacity;
+  m_params = std::exchange(other->m_params, nullptr);
+  m_ansi = std::exchange(other->m_ansi, nullptr);
+  m_ansiSize = std::exchange(other->m_ansiSize, 0);
+  m_byteOrder = other->m_byteOrder;
+  if (other->m_data == other->m_inline) {
+    m_data = m_inline;
+    std::memcpy(m_inline, other->m_inline, sizeof m_inline);
+  } else {
+    m_data = other->m_data;
+  }
+  other->m_data = other->m_inline;
+  other->m_capacity = kInlineUnits;
+  other->m_length = 0;
+  other->m_inline[0] = 0;
 }
 
 TString& TString::operator=(const char16_t* text) {

@@ -323,6 +323,7 @@ class PLINTH_API TString : public TObject {
   void SetLength(int length);
   void ReplaceText(const char16_t* text, int length);
   void DropParameters();
+  void TakeFrom(TString* other);
   void KeepPart(int start, int count);
 
   char16_t* m_data = m_inline;    // m_inline or a MemAlloc'd block; never null
