@@ -38,4 +38,14 @@ expect_exit 2 "negative os number" "$plinth" error --os -5
 expect_exit 2 "os number missing" "$plinth" error --os
 expect_exit 2 "errno not numeric" "$plinth" error --errno ENOENT
 expect_exit 2 "unknown option" "$plinth" error --frob 1
+# plinth env: the machine check runs and every figure is printed.
+out=$("$plinth" env); rc=$?
+[ $rc -eq 0 ] || [ $rc -eq 1 ] || fail "env exit $rc"
+for field in "operating system:" "language:" "work folder:" "user folder:" "MemTotalMB:" "MemPhysAvailMB:" \
+             "MemAvail(1, 100):" "disk working space:" "machine check:"; do
+  grep -qF "$field" <<<"$out" || fail "env printed no '$field'"
+done
+grep -qE "^MemTotalMB: +[1-9][0-9]*$" <<<"$out" || fail "env MemTotalMB is not a figure"
+expect_exit 0 "env --help" "$plinth" env --help
+expect_exit 2 "env with an argument" "$plinth" env extra
 echo "cli_smoke: ok"

@@ -4,11 +4,13 @@ set -u
 lib="$1"
 fail() { echo "exports_check: $*" >&2; exit 1; }
 syms=$(nm -D --defined-only -C "$lib") || fail "nm failed"
-for want in 'MemAlloc(' 'DebugLogf(' 'HookDebugLogf(' 'TString::TString(' ; do
+for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugLogf(' 'HookQueryf(' 'Debug(' \
+            'TString::TString(' 'TString::Base64Encode(' 'MapError(' 'MapAndLogErr(' 'RMGetErrID(' 'MapErrno(' \
+            'TestPlinthEnvirons(' 'GetDiskWorkingSpace(' 'OSCheck(' 'PlinthEnv' 'LoadResourceFile(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
-for hidden in 'LogLine(' ; do
+for hidden in 'LogLine(' 'platform::' ; do
   if grep -qF "$hidden" <<<"$syms"; then fail "internal symbol exported: $hidden"; fi
 done
 echo "exports_check: ok"
