@@ -83,10 +83,10 @@
 
 #include "foundation/export.h"
 #include "foundation/tobject.h"
+#include "foundation/tstring.h"
 #include "time/tdatestep.h"
 #include "time/tinterval.h"
 
-class TString;
 
 // Windows SYSTEMTIME, field for field (GMT here).
 struct SystemTimeSpec {

@@ -33,8 +33,8 @@
 
 #include "foundation/export.h"
 #include "foundation/tobject.h"
+#include "foundation/tstring.h"
 
-class TString;
 
 class PLINTH_API TInterval : public TObject {
  public:
