@@ -29,7 +29,8 @@
 // becomes day 1 of the computed month of year 1 at midnight), then the
 // exact parts with carries. sum(interval, sign) adds the exact parts alone.
 // Exact results before 1 January of year 1 or after the last millisecond
-// of 4000 are clamped to those ends. A date whose fields are out of range
+// of 4000 are clamped to those ends (so MakeEven of the last second, and
+// any step past 4000, gives the last date). A date whose fields are out of range
 // is not refused: arithmetic works from its day number (a year outside
 // 1..4000 counts no days) and leaves a valid date.
 //
@@ -61,13 +62,15 @@
 // mm up to 59); no zone (offset unknown). A fraction of one to three
 // digits is the millisecond count, as ToISOString wrote it (".05" is 5 ms,
 // ".5" is 5 ms); longer fractions are decimal fractions cut to milliseconds
-// (".1234" is 123 ms). "-0001" reads as the unknown offset. A date of
-// all zeros reads as the default date. Fields must lie in range and the day
-// in its month. FromRFCString reads "[Www,] D Mon YYYY hh:mm[:ss] [zone]",
-// blanks between the parts, names in either case, the weekday not checked
+// (".1234" is 123 ms). "-0001" reads as the unknown offset. A text whose
+// date and time are all zeros (what a default date writes) resets the
+// date. Otherwise fields must lie in range and the day in its month.
+// FromRFCString reads "[Www,] D Mon YYYY hh:mm[:ss] [zone]", blanks between
+// the parts, names in either case, the weekday not checked
 // against the date, the zone GMT, UT, UTC, Z (offset 0), +hhmm or -hhmm, or
-// none (GMT). Both readers leave the flags and the time zone as they are,
-// and refuse anything else with kErrBadParameter, leaving the date alone.
+// none (GMT). Both readers otherwise leave the flags and the time zone as
+// they are, and refuse anything else with kErrBadParameter and one log
+// line, leaving the date alone.
 //
 // Stored form (StoreSize() = 18 bytes, little-endian): 'D', version 1,
 // flags (2), year (2), month, day, millisecond (2), second, minute, hour,
