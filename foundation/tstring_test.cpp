@@ -50,7 +50,8 @@ TEST(TStringTest, CopyAndMoveAcrossInlineAndHeap) {
     TString assigned(u"old");
     assigned = std::move(moved);
     EXPECT_EQ(Units(assigned), text);
-    assigned = assigned;  // NOLINT: self-assignment
+    const TString& self = assigned;
+    assigned = self;
     EXPECT_EQ(Units(assigned), text);
     assigned.Append(assigned);
     EXPECT_EQ(Units(assigned), text + text);
