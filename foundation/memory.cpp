@@ -24,6 +24,9 @@ static_assert(kHeaderSize == 16, "the header is 16 bytes");
 
 // -0 is 0: a freed block of 0 bytes is told by this mark instead.
 constexpr uint64_t kFreedMark = uint64_t{1} << 63;
+// The block has room for its size rounded up to 16 bytes (the small path
+// below), so a held-back block can serve a request of the same class again.
+constexpr uint64_t kRoundedRoom = uint64_t{1} << 62;
 // Larger requests cannot be met by any heap; refuse them before asking.
 constexpr size_t kMaxRequest = size_t{1} << 62;
 // Up to this many bytes malloc + memset is faster than calloc, which on
@@ -32,9 +35,14 @@ constexpr size_t kSmallBytes = 4096;
 // Up to this many bytes the zeroing is done inline.
 constexpr size_t kInlineZeroBytes = 256;
 
-// Per-thread hold-back of freed blocks (see memory.h).
-constexpr unsigned kRingSize = 16;
+// Per-thread hold-back of freed blocks (see memory.h). The ring has one slot
+// more than the blocks it promises to hold: a full ring may hand its oldest
+// block to MemAlloc and still hold the last kHeldBlocks freed ones.
+constexpr unsigned kHeldBlocks = 16;
+constexpr unsigned kRingSize = kHeldBlocks + 1;
 constexpr int64_t kRingMaxBlock = 64 * 1024;
+// Ring class of a block that MemAlloc may not take back.
+constexpr uint8_t kNoClass = 0xFF;
 
 // Process-wide quarantine of MemDebug.
 constexpr size_t kQuarantineBlocks = 65536;
@@ -59,9 +67,12 @@ struct alignas(64) Shard {
   // Written by the owning thread only, read by anyone.
   std::atomic<int64_t> blocks{0};
   std::atomic<int64_t> bytes{0};
-  // Owning thread only: freed blocks held back, oldest at `next`.
-  unsigned next = 0;
+  // Owning thread only: `count` freed blocks held back, oldest at `oldest`,
+  // each with its size class (rounded size / 16) or kNoClass.
+  unsigned oldest = 0;
+  unsigned count = 0;
   BlockHeader* ring[kRingSize] = {};
+  uint8_t ringClass[kRingSize] = {};
   // Guarded by the registry lock.
   Shard* link = nullptr;
   bool inUse = false;
@@ -94,6 +105,8 @@ void ReleaseHeld(Shard* shard) {
     std::free(held);
     held = nullptr;
   }
+  shard->oldest = 0;
+  shard->count = 0;
 }
 
 void DetachShard() {
@@ -219,9 +232,30 @@ Quarantine& GetQuarantine() {
   return *quarantine;
 }
 
+bool QuarantineOn() { return (g_debugBits.load(std::memory_order_relaxed) & kMemDebugQuarantine) != 0; }
+
+// Puts a freed block (header already negated, at most kRingMaxBlock bytes)
+// into the ring; answers the oldest block it pushes out, or null.
+[[gnu::always_inline]] inline BlockHeader* PushHeld(Shard* shard, BlockHeader* header, int64_t size, uint64_t flags) {
+  BlockHeader* evicted = nullptr;
+  unsigned at = shard->oldest + shard->count;
+  if (shard->count == kRingSize) {
+    at = shard->oldest;
+    evicted = shard->ring[at];
+    shard->oldest = at + 1 == kRingSize ? 0 : at + 1;
+  } else {
+    if (at >= kRingSize) at -= kRingSize;
+    ++shard->count;
+  }
+  shard->ring[at] = header;
+  bool rounded = (flags & kRoundedRoom) != 0 && size <= static_cast<int64_t>(kInlineZeroBytes);
+  shard->ringClass[at] = rounded ? static_cast<uint8_t>((size + 15) >> 4) : kNoClass;
+  return evicted;
+}
+
 // A freed block (header already negated) waits here before the heap gets it.
-void HoldBack(Shard* shard, BlockHeader* header, int64_t size) {
-  if ((g_debugBits.load(std::memory_order_relaxed) & kMemDebugQuarantine) != 0) {
+void HoldBack(Shard* shard, BlockHeader* header, int64_t size, uint64_t flags) {
+  if (QuarantineOn()) {
     GetQuarantine().Put(header, size);
     return;
   }
@@ -229,10 +263,7 @@ void HoldBack(Shard* shard, BlockHeader* header, int64_t size) {
     std::free(header);
     return;
   }
-  BlockHeader* oldest = shard->ring[shard->next];
-  shard->ring[shard->next] = header;
-  shard->next = (shard->next + 1) % kRingSize;
-  std::free(oldest);
+  std::free(PushHeld(shard, header, size, flags));
 }
 
 // ---- heap requests ----------------------------------------------------------
@@ -262,21 +293,30 @@ inline bool InjectedFailure() {
   return raw;
 }
 
+// Up to kInlineZeroBytes the caller's bytes are rounded up to whole 16-byte
+// stores, which the compiler emits inline: a call to memset would cost as
+// much as the allocation itself.
+inline size_t RoundedSize(size_t size) { return (size + 15) & ~size_t{15}; }
+
+[[gnu::always_inline]] inline void ZeroRounded(void* raw, size_t size) {
+  char* user = static_cast<char*>(raw) + kHeaderSize;
+  for (size_t at = 0; at < RoundedSize(size); at += 16) std::memset(user + at, 0, 16);
+}
+
 // A zeroed block of `size` caller bytes with room for the header, or null.
-// Inline: this is the whole cost of MemAlloc besides malloc.
+// Up to kInlineZeroBytes the room is the rounded size (kRoundedRoom).
 [[gnu::always_inline]] inline void* HeapAllocBlock(size_t size) {
   if (InjectedFailure()) return nullptr;
   if (size <= kInlineZeroBytes) {
-    // Rounded up to whole 16-byte stores, which the compiler emits inline: a
-    // call to memset would cost as much as the allocation itself.
-    size_t rounded = (size + 15) & ~size_t{15};
-    char* raw = static_cast<char*>(std::malloc(kHeaderSize + rounded));
+    void* raw = std::malloc(kHeaderSize + RoundedSize(size));
     if (raw == nullptr) return nullptr;
-    for (size_t at = kHeaderSize; at < kHeaderSize + rounded; at += 16) std::memset(raw + at, 0, 16);
+    ZeroRounded(raw, size);
     return raw;
   }
   return HeapAllocLarge(size);
 }
+
+inline uint64_t RoomMark(size_t size) { return size <= kInlineZeroBytes ? kRoundedRoom : 0; }
 
 void* HeapResizeBlock(BlockHeader* header, size_t size) {
   if (size > kMaxRequest || InjectedFailure()) return nullptr;
@@ -326,11 +366,32 @@ BlockHeader* InitBlock(void* raw, size_t size, uint64_t flags) {
   return header;
 }
 
-inline void* NewBlock(size_t size, unsigned int flags) {
+[[gnu::noinline]] void* NewBlock(size_t size, unsigned int flags) {
   void* raw = HeapAllocWithRecovery(size);
   if (raw == nullptr) return nullptr;
   Count(1, static_cast<int64_t>(size));
-  return UserOf(InitBlock(raw, size, flags));
+  return UserOf(InitBlock(raw, size, flags | RoomMark(size)));
+}
+
+// The steady state of small blocks: when this thread's ring is full and its
+// oldest block is of the class of `size`, that block is handed out again. It
+// is ours and its header intact; otherwise the next MemFree would give it to
+// the heap while this request took another from it. The ring still holds the
+// last kHeldBlocks freed blocks. Null when the ring cannot serve the request.
+[[gnu::always_inline]] inline void* TakeHeld(size_t size, unsigned int flags) {
+  Shard* shard = t_slot.shard;
+  if (size > kInlineZeroBytes || shard == nullptr || shard->count != kRingSize) return nullptr;
+  unsigned at = shard->oldest;
+  if (shard->ringClass[at] != (size + 15) >> 4 || g_failNext.load(std::memory_order_relaxed) > 0) return nullptr;
+  BlockHeader* header = shard->ring[at];
+  shard->ring[at] = nullptr;
+  shard->oldest = at + 1 == kRingSize ? 0 : at + 1;
+  --shard->count;
+  ZeroRounded(header, size);
+  CountInto(shard, 1, static_cast<int64_t>(size));
+  std::atomic_ref<uint64_t>(header->flags).store(flags | kRoundedRoom, std::memory_order_relaxed);
+  std::atomic_ref<int64_t>(header->size).store(static_cast<int64_t>(size), std::memory_order_relaxed);
+  return UserOf(header);
 }
 
 void* Resize(void* ptr, size_t newSize, bool mayFail) {
@@ -346,6 +407,8 @@ void* Resize(void* ptr, size_t newSize, bool mayFail) {
   // A block to be wiped never goes back to the heap unwiped, so it is always
   // moved by hand.
   void* raw = (flags & kMemWipeOnFree) != 0 ? nullptr : HeapResizeBlock(header, newSize);
+  // The heap's resize gives room for the new size, not for its rounding.
+  flags &= ~kRoundedRoom;
   if (raw != nullptr) {
     if (newSize > oldSize) std::memset(static_cast<char*>(raw) + kHeaderSize + oldSize, 0, newSize - oldSize);
   } else {
@@ -359,6 +422,7 @@ void* Resize(void* ptr, size_t newSize, bool mayFail) {
     std::memcpy(static_cast<char*>(raw) + kHeaderSize, ptr, std::min(oldSize, newSize));
     if ((flags & kMemWipeOnFree) != 0) platform::WipeBytes(ptr, oldSize);
     std::free(header);
+    flags |= RoomMark(newSize);
   }
   Count(0, static_cast<int64_t>(newSize) - size);
   return UserOf(InitBlock(raw, newSize, flags));
@@ -367,6 +431,8 @@ void* Resize(void* ptr, size_t newSize, bool mayFail) {
 }  // namespace
 
 void* MemAlloc(size_t size, unsigned int flags) {
+  if (void* held = TakeHeld(size, flags)) [[likely]]
+    return held;
   void* block = NewBlock(size, flags);
   if (block == nullptr) OutOfMemory(74, size);
   return block;
@@ -376,23 +442,45 @@ void* MemRealloc(void* ptr, size_t newSize) { return Resize(ptr, newSize, false)
 
 void* MemTryRealloc(void* ptr, size_t newSize) { return Resize(ptr, newSize, true); }
 
+namespace {
+
+void MarkFreed(BlockHeader* header, int64_t size, uint64_t flags) {
+  std::atomic_ref<uint64_t>(header->flags).store(flags | kFreedMark, std::memory_order_relaxed);
+  std::atomic_ref<int64_t>(header->size).store(-size, std::memory_order_relaxed);
+}
+
+// MemFree of a live block that is wiped, large, quarantined, or freed by a
+// thread without a shard yet.
+[[gnu::noinline]] void FreeBlockSlow(BlockHeader* header, int64_t size, uint64_t flags) {
+  if ((flags & kMemWipeOnFree) != 0) platform::WipeBytes(UserOf(header), static_cast<size_t>(size));
+  MarkFreed(header, size, flags);
+  Shard* shard = CurrentShard();
+  CountInto(shard, -1, -size);
+  HoldBack(shard, header, size, flags);
+}
+
+}  // namespace
+
 void MemFree(void* ptr) {
   if (ptr == nullptr) return;
   BlockHeader* header = HeaderOf(ptr);
   int64_t size = LoadSize(header);
   uint64_t flags = LoadFlags(header);
-  if (IsFreed(size, flags)) {
+  if (IsFreed(size, flags)) [[unlikely]] {
     Debug("memutil_win", 160, 0);
     return;
   }
-  if ((flags & kMemWipeOnFree) != 0) platform::WipeBytes(ptr, static_cast<size_t>(size));
-  std::atomic_ref<uint64_t>(header->flags).store(flags | kFreedMark, std::memory_order_relaxed);
-  std::atomic_ref<int64_t>(header->size).store(-size, std::memory_order_relaxed);
-  Shard* shard = CurrentShard();
+  Shard* shard = t_slot.shard;
+  if (shard == nullptr || size > kRingMaxBlock || (flags & kMemWipeOnFree) != 0 || QuarantineOn()) [[unlikely]] {
+    FreeBlockSlow(header, size, flags);
+    return;
+  }
+  MarkFreed(header, size, flags);
   CountInto(shard, -1, -size);
   // glibc's free does not throw and aborts by itself on a damaged heap, so
   // there is no heap exception to catch and log here.
-  HoldBack(shard, header, size);
+  BlockHeader* evicted = PushHeld(shard, header, size, flags);
+  if (evicted != nullptr) std::free(evicted);
 }
 
 size_t MemSize(const void* ptr) {

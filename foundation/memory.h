@@ -17,7 +17,10 @@
 // while, their header negated, before the heap gets them:
 //  - by default each thread keeps its last 16 freed blocks of up to 64 KiB,
 //    so a block freed twice in quick succession on the same thread (the
-//    common slip) is caught; beyond that the check is best effort only;
+//    common slip) is caught; beyond that the check is best effort only.
+//    The oldest of them, once the last 16 are held besides it, goes to the
+//    thread's next MemAlloc of up to 256 bytes in its 16-byte size class
+//    (zero-filled again) rather than back to the heap;
 //  - with MemDebug(kMemDebugQuarantine) every freed block, whatever its size
 //    or thread, is held in a process-wide quarantine (up to 65536 blocks and
 //    256 MiB) and its bytes are overwritten with 0xDD, so double frees and
