@@ -337,3 +337,57 @@ TEST(MemAvailTest, MachineAnswerGrowsWithPercentAndStaysUnderPhysical) {
 }
 
 }  // namespace
+
+namespace {
+
+// Blocks handed back by the thread's hold-back ring come out zeroed and
+// counted like fresh ones, and a block freed long ago is still a double free.
+TEST(MemAllocTest, RecycledBlocksAreZeroedAndCounted) {
+  TestHost host;
+  std::mt19937 rng(11);
+  int64_t blocksBefore = MemLiveBlocks();
+  int64_t bytesBefore = MemLiveBytes();
+  std::vector<std::pair<uint8_t*, size_t>> live;
+  int64_t liveBytes = 0;
+  for (int step = 0; step < 200000; ++step) {
+    if (live.empty() || rng() % 2 == 0) {
+      size_t size = rng() % 300;
+      auto* p = static_cast<uint8_t*>(MemAlloc(size));
+      ASSERT_TRUE(std::all_of(p, p + size, [](uint8_t b) { return b == 0; })) << "step " << step;
+      std::memset(p, 0xA5, size);  // dirty it for whoever gets it next
+      live.emplace_back(p, size);
+      liveBytes += static_cast<int64_t>(size);
+    } else {
+      size_t at = rng() % live.size();
+      auto [p, size] = live[at];
+      if (rng() % 8 == 0) {
+        size_t grown = size + rng() % 64;
+        p = static_cast<uint8_t*>(MemRealloc(p, grown));
+        ASSERT_TRUE(std::all_of(p + size, p + grown, [](uint8_t b) { return b == 0; })) << "step " << step;
+        std::memset(p, 0x5A, grown);
+        liveBytes += static_cast<int64_t>(grown - size);
+        live[at] = {p, grown};
+        continue;
+      }
+      MemFree(p);
+      liveBytes -= static_cast<int64_t>(size);
+      live[at] = live.back();
+      live.pop_back();
+    }
+    ASSERT_EQ(MemLiveBytes() - bytesBefore, liveBytes);
+  }
+  EXPECT_EQ(MemLiveBlocks() - blocksBefore, static_cast<int64_t>(live.size()));
+  for (auto [p, size] : live) MemFree(p);
+  EXPECT_EQ(MemLiveBytes(), bytesBefore);
+  EXPECT_EQ(host.AssertCount(), 0);
+
+  void* old = MemAlloc(64);
+  MemFree(old);
+  std::vector<void*> others;
+  for (int i = 0; i < 16; ++i) others.push_back(MemAlloc(128));
+  for (void* p : others) MemFree(p);
+  MemFree(old);  // still held back: caught without touching the heap
+  EXPECT_EQ(host.AssertSources(), std::vector<std::string>{"memutil_win"});
+}
+
+}  // namespace
