@@ -136,7 +136,7 @@ TEST(MapErrorTest, MappedLineAt519) {
   auto lines = host.LinesWithFormat("MapError: mapped Windows error %d to %E");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].selector, 519u);
-  EXPECT_EQ(lines[0].text, "MapError: mapped Windows error 2 to -1101");
+  EXPECT_EQ(lines[0].text, "MapError: mapped Windows error 2 to Not found (error -1101)");
   EXPECT_EQ(host.Lines().size(), 1u);
 }
 
@@ -148,7 +148,7 @@ TEST(MapErrorTest, Win32HresultIsReducedToItsLowWord) {
   EXPECT_EQ(MapOsError(0xE0070005u, nullptr), kErrAccessDenied);
   auto lines = host.LinesWithFormat("MapError: mapped Windows error %d to %E");
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].text, "MapError: mapped Windows error 5 to -1017");
+  EXPECT_EQ(lines[0].text, "MapError: mapped Windows error 5 to Access denied (error -1017)");
   host.Clear();
   // Other facilities are not Windows errors and stay whole.
   EXPECT_EQ(MapOsError(0x80040005u, nullptr), kErrUnknown);
@@ -181,7 +181,7 @@ TEST(MapErrorTest, UnexpectedRowWarnsAt518) {
   ASSERT_EQ(withContext.size(), 1u);
   EXPECT_EQ(plain[0].selector, 518u);
   EXPECT_EQ(withContext[0].selector, 518u);
-  EXPECT_EQ(withContext[0].text, "MapError: unknown Windows error 1359 <C:\\data>");
+  EXPECT_EQ(withContext[0].text, "MapError: unknown Windows error 1,359 <C:\\data>");
 }
 
 TEST(MapErrorTest, NumberOutsideTheTableIsOrdinaryUnknown) {
@@ -192,7 +192,7 @@ TEST(MapErrorTest, NumberOutsideTheTableIsOrdinaryUnknown) {
   auto lines = host.LinesWithFormat("MapError: unknown Windows error %d");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].selector, 514u);
-  EXPECT_EQ(lines[0].text, "MapError: unknown Windows error 65000");
+  EXPECT_EQ(lines[0].text, "MapError: unknown Windows error 65,000");
 }
 
 TEST(MapErrorTest, BadTableIsAnAssertion) {
@@ -215,7 +215,7 @@ TEST(MapErrorTest, ZeroTakesTheLastOsError) {
   EXPECT_EQ(MapOsError(0, nullptr), kErrDiskFull);
   auto lines = host.LinesWithFormat("MapErrno: mapped errno %d to %E");
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1].text, "MapErrno: mapped errno 28 to -1115");
+  EXPECT_EQ(lines[1].text, "MapErrno: mapped errno 28 to The disk is full (error -1115)");
 }
 
 TEST(MapErrorCdlTest, TableAndLines) {
@@ -233,7 +233,7 @@ TEST(MapErrorCdlTest, TableAndLines) {
   auto mapped = host.LinesWithFormat("MapError: mapped CDL error %d to %E");
   ASSERT_EQ(mapped.size(), 1u);
   EXPECT_EQ(mapped[0].selector, 519u);
-  EXPECT_EQ(mapped[0].text, "MapError: mapped CDL error 0 to -1201");
+  EXPECT_EQ(mapped[0].text, "MapError: mapped CDL error 0 to The CDL component failed (error -1201)");
 
   // A flag-only row does not stop the scan; the coded row behind it wins.
   int flag = 99;
@@ -251,7 +251,7 @@ TEST(MapErrorCdlTest, TableAndLines) {
   auto plain = host.LinesWithFormat("MapError: unknown CDL error %d");
   ASSERT_EQ(withContext.size(), 1u);
   EXPECT_EQ(withContext[0].selector, 518u);
-  EXPECT_EQ(withContext[0].text, "MapError: unknown CDL error 65535,<tape>");
+  EXPECT_EQ(withContext[0].text, "MapError: unknown CDL error 65,535,<tape>");
   ASSERT_EQ(plain.size(), 2u);
   EXPECT_EQ(plain[0].selector, 518u);
   EXPECT_EQ(plain[1].selector, 514u);

@@ -51,6 +51,7 @@
 #ifndef PLINTH_FOUNDATION_TSTRING_H_
 #define PLINTH_FOUNDATION_TSTRING_H_
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -292,6 +293,25 @@ class PLINTH_API TString : public TObject {
   int Base64Decode();
   void Base16Encode();
   int Base16Decode();
+
+  // ---- formatting (tstring_format.h) ---------------------------------------------
+  // Replace the text with the format rendered with the arguments, record one
+  // parameter per formatted value and the format string; return the new
+  // length. Formatting never fails. The format and the arguments may be this
+  // string itself.
+  int SPrintf(TString* format, ...);
+  int SPrintf(const char16_t* format, ...);
+  // The format is the resource text (group, key); empty when it is missing.
+  int SPrintf(unsigned short group, int key, ...);
+  // The core of the three; `length` -1 reads up to the terminator. Hosts
+  // use it to render what their DebugLogf hook receives.
+  int VSPrintf(const char16_t* format, int length, va_list ap);
+
+  // Read values from the text as DoScanf (tstring_scan.h) describes; return
+  // the number of values assigned.
+  int SScanf(TString* format, ...) const;
+  int SScanf(const char16_t* format, ...) const;
+  int SScanf(unsigned short group, int key, ...) const;
 
   // ---- parameters ----------------------------------------------------------------
   int GetParameterCount() const;
