@@ -327,7 +327,14 @@ class PLINTH_API TString : public TObject {
   // Used by the formatter: records a formatted value at [position,
   // position + length) and the format string.
   int AddParameter(char16_t kind, int position, int length, const TString& raw);
+  int AddParameter(char16_t kind, int position, int length, const char16_t* raw, int rawLength);
   void SetFormatString(const TString& format);
+  void SetFormatString(const char16_t* format, int length);
+  // Used by the formatter: replaces the text and empties the parameter list
+  // and format string while keeping their storage, so formatting into the
+  // same string again does not allocate them anew. `text` must not point
+  // into this string.
+  void ReplaceFormatted(const char16_t* text, int length);
   // Relocation of this string's parameters to follow a cut of its text:
   // keep those in [0, count), in [start, start + count) moved to 0, or in the
   // last `count` units; RelocateParameters moves those at or after `from` by

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include "foundation/errors.h"
@@ -61,7 +62,12 @@ void OutBuffer::Put(const char16_t* text, int n) {
     n = m_capacity - m_length;  // cut at the limit
     if (n <= 0) return;
   }
-  std::memcpy(m_data + m_length, text, sizeof(char16_t) * static_cast<size_t>(n));
+  char16_t* to = m_data + m_length;
+  if (n <= 16) {
+    for (int i = 0; i < n; ++i) to[i] = text[i];  // cheaper than a call for the usual short pieces
+  } else {
+    std::memcpy(to, text, sizeof(char16_t) * static_cast<size_t>(n));
+  }
   m_length += n;
 }
 
@@ -83,12 +89,12 @@ int Units(const char16_t* text) {
 
 void PutUnsigned(OutBuffer* out, uint64_t v) {
   char16_t digits[24];
-  int n = 0;
+  int at = 24;
   do {
-    digits[n++] = static_cast<char16_t>(u'0' + v % 10);
+    digits[--at] = static_cast<char16_t>(u'0' + v % 10);
     v /= 10;
   } while (v != 0);
-  while (n > 0) out->Put(digits[--n]);
+  out->Put(digits + at, 24 - at);
 }
 
 void PutSigned(OutBuffer* out, int64_t v) {
@@ -166,31 +172,49 @@ int DecimalDigits(uint64_t v, char16_t* out) {
   return n;
 }
 
+// A formatted value; its raw form is [rawStart, rawStart + rawLength) of the
+// formatter's raw buffer.
 struct Record {
   char16_t kind;
   int position;
   int length;
-  TString raw;
+  int rawStart;
+  int rawLength;
 };
 
 class Formatter {
  public:
-  Formatter(FormatArgSource* args, int nesting) : m_args(args), m_nesting(nesting) {}
+  Formatter(FormatArgSource* args, int nesting, bool record)
+      : m_args(args), m_nesting(nesting), m_record(record), m_out(m_ownOut) {}
+  // A nested format (the "Errr" text) writes straight into the outer text.
+  Formatter(FormatArgSource* args, int nesting, format_internal::OutBuffer* into)
+      : m_args(args), m_nesting(nesting), m_record(false), m_out(*into) {}
 
   void Run(const char16_t* f, int n);
   format_internal::OutBuffer& Out() { return m_out; }
   int RecordCount() const { return m_recordCount; }
-  Record* Records() { return m_records; }
+  const Record& RecordAt(int i) const { return m_records[i]; }
+  const char16_t* RawUnits(const Record& r) { return m_raw.Data() + r.rawStart; }
 
   ~Formatter() {
-    for (int i = 0; i < m_recordCount; ++i) m_records[i].~Record();
-    MemFree(m_records);
+    if (m_records != m_recordStack) MemFree(m_records);
   }
 
  private:
   bool Parse(const char16_t* f, int n, int* i, ConversionSpec* spec);
   void Convert(const ConversionSpec& spec);
-  void AddRecord(char16_t kind, int start, const TString& raw);
+  // Records the field written since `start`; its raw form is then put into
+  // m_raw by the caller (RawSigned ... or directly) before the next record.
+  bool AddRecord(char16_t kind, int start);
+  void Raw(const char16_t* units, int n) { m_raw.Put(units, n); CloseRaw(); }
+  void RawSigned(int64_t v) { format_internal::PutSigned(&m_raw, v); CloseRaw(); }
+  void RawUnsigned(uint64_t v) { format_internal::PutUnsigned(&m_raw, v); CloseRaw(); }
+  void CloseRaw() {
+    if (m_recordCount > 0) {
+      Record& r = m_records[m_recordCount - 1];
+      r.rawLength = m_raw.Length() - r.rawStart;
+    }
+  }
 
   int64_t TakeSigned(const ConversionSpec& spec) {
     uint64_t w = m_args->Take(spec.wide ? FormatArgKind::kLong : FormatArgKind::kInt);
@@ -218,26 +242,29 @@ class Formatter {
 
   FormatArgSource* m_args;
   int m_nesting;
-  format_internal::OutBuffer m_out;
-  Record* m_records = nullptr;
+  bool m_record;
+  format_internal::OutBuffer m_ownOut;
+  format_internal::OutBuffer& m_out;
+  format_internal::OutBuffer m_raw;
+  Record m_recordStack[16];
+  Record* m_records = m_recordStack;
   int m_recordCount = 0;
-  int m_recordCapacity = 0;
+  int m_recordCapacity = 16;
 };
 
-void Formatter::AddRecord(char16_t kind, int start, const TString& raw) {
+bool Formatter::AddRecord(char16_t kind, int start) {
+  if (!m_record) return false;
   if (m_recordCount == m_recordCapacity) {
-    int capacity = m_recordCapacity < 8 ? 8 : m_recordCapacity * 2;
+    int capacity = m_recordCapacity * 2;
     auto* records = static_cast<Record*>(MemAlloc(sizeof(Record) * static_cast<size_t>(capacity)));
-    if (records == nullptr) return;
-    for (int i = 0; i < m_recordCount; ++i) {
-      new (&records[i]) Record(std::move(m_records[i]));
-      m_records[i].~Record();
-    }
-    MemFree(m_records);
+    if (records == nullptr) return false;
+    std::memcpy(records, m_records, sizeof(Record) * static_cast<size_t>(m_recordCount));
+    if (m_records != m_recordStack) MemFree(m_records);
     m_records = records;
     m_recordCapacity = capacity;
   }
-  new (&m_records[m_recordCount++]) Record{kind, start, m_out.Length() - start, raw};
+  m_records[m_recordCount++] = Record{kind, start, m_out.Length() - start, m_raw.Length(), 0};
+  return true;
 }
 
 // Reads the conversion after the '%' at f[*i - 1]; false (and *i unchanged)
@@ -290,6 +317,7 @@ void Formatter::Run(const char16_t* f, int n) {
   int i = static_cast<int>(FormatLeadingBlockLength(f, static_cast<size_t>(n)));
   while (i < n) {
     int literal = i;
+    while (i + 4 <= n && f[i] != u'%' && f[i + 1] != u'%' && f[i + 2] != u'%' && f[i + 3] != u'%') i += 4;
     while (i < n && f[i] != u'%') ++i;
     m_out.Put(f + literal, i - literal);
     if (i >= n) break;
@@ -317,25 +345,19 @@ void Formatter::Convert(const ConversionSpec& spec) {
       int64_t v = TakeSigned(spec);
       uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
       Integer(spec, v < 0, magnitude, !spec.tilde);
-      TString raw;
-      format_internal::SignedText(v, &raw);
-      AddRecord(spec.conversion, start, raw);
+      if (AddRecord(spec.conversion, start)) RawSigned(v);
       return;
     }
     case u'u': {
       uint64_t v = TakeUnsigned(spec);
       Integer(spec, false, v, !spec.tilde);
-      TString raw;
-      format_internal::UnsignedText(v, &raw);
-      AddRecord(spec.conversion, start, raw);
+      if (AddRecord(spec.conversion, start)) RawUnsigned(v);
       return;
     }
     case u'x': case u'X': {
       uint64_t v = TakeUnsigned(spec);
       Hex(spec, v);
-      TString raw;
-      format_internal::UnsignedText(v, &raw);
-      AddRecord(spec.conversion, start, raw);
+      if (AddRecord(spec.conversion, start)) RawUnsigned(v);
       return;
     }
     case u'#': Percent(spec); return;
@@ -352,7 +374,7 @@ void Formatter::Convert(const ConversionSpec& spec) {
       TString raw;
       format_internal::FormatTimeValue(spec, p, &m_out, &raw);
       Pad(&m_out, spec, start);
-      AddRecord(spec.conversion, start, raw);
+      if (AddRecord(spec.conversion, start)) Raw(raw.GetConstBuffer(), raw.GetLength());
       return;
     }
     default:
@@ -361,6 +383,11 @@ void Formatter::Convert(const ConversionSpec& spec) {
 }
 
 void Formatter::Integer(const ConversionSpec& spec, bool negative, uint64_t magnitude, bool grouped) {
+  if (!grouped && spec.width == 0 && spec.precision < 0) {  // "%~d", the log lines' form
+    if (negative) m_out.Put(u'-');
+    PutUnsigned(&m_out, magnitude);
+    return;
+  }
   char16_t digits[24];
   int n = DecimalDigits(magnitude, digits);
   if (spec.precision == 0 && magnitude == 0) n = 0;
@@ -442,14 +469,14 @@ void Formatter::Percent(const ConversionSpec& spec) {
   if (allZero) negative = false;
   PutNumber(&m_out, spec, negative, digits, n, spec.tilde ? 0 : 3, decimals > 0 ? fraction.Data() : nullptr,
             fraction.Length());
-  TString raw;
-  if (negative) raw += u'-';
-  raw.Append(digits, n);
+  if (!AddRecord(u'#', start)) return;
+  if (negative) m_raw.Put(u'-');
+  m_raw.Put(digits, n);
   if (decimals > 0) {
-    raw += u'.';
-    raw.Append(fraction.Data(), fraction.Length());
+    m_raw.Put(u'.');
+    m_raw.Put(fraction.Data(), fraction.Length());
   }
-  AddRecord(u'#', start, raw);
+  CloseRaw();
 }
 
 void Formatter::Fixed(const ConversionSpec& spec) {
@@ -466,9 +493,7 @@ void Formatter::Fixed(const ConversionSpec& spec) {
   int whole = all.Length() - decimals;
   PutNumber(&m_out, spec, v < 0, all.Data(), whole, spec.tilde ? 0 : 3, decimals > 0 ? all.Data() + whole : nullptr,
             decimals);
-  TString raw;
-  format_internal::SignedText(v, &raw);
-  AddRecord(u'F', start, raw);
+  if (AddRecord(u'F', start)) RawSigned(v);
 }
 
 void Formatter::Dump(const ConversionSpec& spec) {
@@ -479,19 +504,18 @@ void Formatter::Dump(const ConversionSpec& spec) {
   const char16_t* table = spec.tilde ? kHexUpper : kHexLower;
   int limit = count > 0 ? count * 3 - 1 : 0;
   if (spec.precision >= 0 && spec.precision < limit) limit = spec.precision;
-  TString raw;
-  char16_t* rawUnits = count > 0 ? raw.GetBuffer(count * 3 - 1) : nullptr;
   for (int b = 0; b < count; ++b) {
     char16_t three[3] = {table[bytes[b] >> 4], table[bytes[b] & 15], u' '};
     int at = b * 3;
     int take = b + 1 < count ? 3 : 2;
     if (at < limit) m_out.Put(three, limit - at < take ? limit - at : take);
-    rawUnits[at] = kHexUpper[bytes[b] >> 4];
-    rawUnits[at + 1] = kHexUpper[bytes[b] & 15];
-    if (b + 1 < count) rawUnits[at + 2] = u' ';
   }
-  if (rawUnits != nullptr) raw.ReleaseBuffer(count * 3 - 1);
-  AddRecord(u'$', start, raw);
+  if (!AddRecord(u'$', start)) return;
+  for (int b = 0; b < count; ++b) {
+    char16_t three[3] = {kHexUpper[bytes[b] >> 4], kHexUpper[bytes[b] & 15], u' '};
+    m_raw.Put(three, b + 1 < count ? 3 : 2);
+  }
+  CloseRaw();
 }
 
 void Formatter::Error(const ConversionSpec& spec) {
@@ -499,7 +523,16 @@ void Formatter::Error(const ConversionSpec& spec) {
   int code = static_cast<int>(TakeSigned(spec));
   TString text;
   GetErrorText(code, &text);
-  text.StripEnds(TString(u" "));
+  // Blanks at both ends go.
+  int first = 0;
+  int last = text.GetLength();
+  const char16_t* units = text.GetConstBuffer();
+  while (first < last && units[first] == u' ') ++first;
+  while (last > first && units[last - 1] == u' ') --last;
+  if (first > 0 || last < text.GetLength()) {
+    TString stripped(units + first, last - first);
+    text = std::move(stripped);
+  }
   if (spec.tilde || m_nesting >= kMaxNesting) {
     m_out.Put(text.GetConstBuffer(), text.GetLength());
   } else {
@@ -511,14 +544,11 @@ void Formatter::Error(const ConversionSpec& spec) {
     words[1].kind = FormatArgKind::kInt;
     words[1].value = static_cast<uint64_t>(static_cast<int64_t>(code));
     FormatArgSource source(words, 2);
-    Formatter nested(&source, m_nesting + 1);
+    Formatter nested(&source, m_nesting + 1, &m_out);
     nested.Run(format.GetConstBuffer(), format.GetLength());
-    m_out.Put(nested.Out().Data(), nested.Out().Length());
   }
   Pad(&m_out, spec, start);
-  TString raw;
-  format_internal::SignedText(code, &raw);
-  AddRecord(u'E', start, raw);
+  if (AddRecord(u'E', start)) RawSigned(code);
 }
 
 void Formatter::Size(const ConversionSpec& spec) {
@@ -562,9 +592,7 @@ void Formatter::Size(const ConversionSpec& spec) {
     m_out.Put(letter(index < first + 8 ? index : first + 7));
   }
   Pad(&m_out, spec, start);
-  TString raw;
-  format_internal::UnsignedText(given, &raw);
-  AddRecord(spec.conversion, start, raw);
+  if (AddRecord(spec.conversion, start)) RawUnsigned(given);
 }
 
 void Formatter::Address(const ConversionSpec& spec) {
@@ -576,10 +604,14 @@ void Formatter::Address(const ConversionSpec& spec) {
       PutUnsigned(&m_out, bytes[b]);
     }
   }
+  int shown = m_out.Length() - start;
   Pad(&m_out, spec, start);
-  TString raw(m_out.Data() + start, m_out.Length() - start);
-  raw.StripEnds(TString(u" "));
-  AddRecord(u'p', start, raw);
+  if (!AddRecord(u'p', start)) return;
+  // The dotted text without the padding.
+  const char16_t* field = m_out.Data() + start;
+  int first = 0;
+  while (first < m_out.Length() - start && field[first] == u' ') ++first;
+  Raw(field + first, shown);
 }
 
 void Formatter::Text(const ConversionSpec& spec) {
@@ -590,7 +622,7 @@ void Formatter::Text(const ConversionSpec& spec) {
   if (s == nullptr) {
     m_out.Put(u"nil", 3);
     Pad(&m_out, spec, start);
-    AddRecord(spec.conversion, start, TString());
+    if (AddRecord(spec.conversion, start)) CloseRaw();
     return;
   }
   int n = s->GetLength();
@@ -602,9 +634,7 @@ void Formatter::Text(const ConversionSpec& spec) {
   }
   m_out.Put(units, n);
   Pad(&m_out, spec, start);
-  TString raw;
-  raw.Assign(units, s->GetLength());
-  AddRecord(spec.conversion, start, raw);
+  if (AddRecord(spec.conversion, start)) Raw(units, s->GetLength());
 }
 
 void Formatter::Character(const ConversionSpec& spec) {
@@ -624,7 +654,7 @@ void Formatter::Character(const ConversionSpec& spec) {
   }
   m_out.Put(units, n);
   Pad(&m_out, spec, start);
-  AddRecord(spec.conversion, start, TString(units, n));
+  if (AddRecord(spec.conversion, start)) Raw(units, n);
 }
 
 void Formatter::Boolean(const ConversionSpec& spec) {
@@ -638,24 +668,12 @@ void Formatter::Boolean(const ConversionSpec& spec) {
     m_out.PutAscii(yes ? "true" : "false");
   }
   Pad(&m_out, spec, start);
-  AddRecord(spec.conversion, start, TString(yes ? u"1" : u"0"));
+  if (AddRecord(spec.conversion, start)) Raw(yes ? u"1" : u"0", 1);
 }
 
 }  // namespace
 
 namespace format_internal {
-
-void SignedText(int64_t v, TString* out) {
-  OutBuffer b;
-  PutSigned(&b, v);
-  out->Assign(b.Data(), b.Length());
-}
-
-void UnsignedText(uint64_t v, TString* out) {
-  OutBuffer b;
-  PutUnsigned(&b, v);
-  out->Assign(b.Data(), b.Length());
-}
 
 bool IsConversion(char16_t c) {
   switch (c) {
@@ -674,19 +692,30 @@ int FormatWithSource(TString* out, const char16_t* format, int length, FormatArg
   int n = length;
   if (format == nullptr) n = 0;
   if (n < 0) n = Units(format);
-  Formatter formatter(args, 0);
+  Formatter formatter(args, 0, record);
   if (n > 0) formatter.Run(format, n);
-  // The format may live in `out` itself: keep it until the text is replaced.
-  TString keptFormat;
-  if (record) keptFormat.Assign(format, n);
   format_internal::OutBuffer& text = formatter.Out();
-  out->Assign(text.Data(), text.Length());
+  // The format may live in `out` itself: copy it before the text changes.
+  TString keptFormat;
+  std::less<const char16_t*> before;
+  const char16_t* own = out->GetConstBuffer();
+  bool aliased = !before(format, own) && before(format, own + out->GetLength() + 1);
+  if (record && aliased) keptFormat.Assign(format, n);
+  if (record) {
+    out->ReplaceFormatted(text.Data(), text.Length());
+  } else {
+    out->Assign(text.Data(), text.Length());
+  }
   if (record) {
     for (int k = 0; k < formatter.RecordCount(); ++k) {
-      const Record& r = formatter.Records()[k];
-      out->AddParameter(r.kind, r.position, r.length, r.raw);
+      const Record& r = formatter.RecordAt(k);
+      out->AddParameter(r.kind, r.position, r.length, formatter.RawUnits(r), r.rawLength);
     }
-    out->SetFormatString(keptFormat);
+    if (aliased) {
+      out->SetFormatString(keptFormat);
+    } else {
+      out->SetFormatString(format, n);
+    }
   }
   return out->GetLength();
 }

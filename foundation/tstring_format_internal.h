@@ -61,10 +61,6 @@ void Pad(OutBuffer* out, const ConversionSpec& spec, int start);
 void PutNumber(OutBuffer* out, const ConversionSpec& spec, bool negative, const char16_t* digits, int n,
                int groupEvery, const char16_t* fraction, int fractionUnits);
 
-// Machine forms of numbers.
-void SignedText(int64_t v, TString* out);
-void UnsignedText(uint64_t v, TString* out);
-
 // True for the conversion characters of the table.
 bool IsConversion(char16_t c);
 
