@@ -41,15 +41,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t t = 0; t < tokens && at < size; ++t, ++at) {
     uint8_t b = data[at];
     if (b < 128) {
-      format += static_cast<char16_t>(b);
+      // A literal '%' is written "%%": only tokens make conversions.
+      format += b == '%' ? std::u16string(u"%%") : std::u16string(1, static_cast<char16_t>(b));
       continue;
     }
-    const char16_t* token = kConversions[b % 16];
-    format += token;
-    std::u16string text(token);
+    std::u16string text(kConversions[b % 16]);
     bool assigns = text.size() > 1 && text[0] == u'%' && text[1] != u'*' && text != u"%%" && text != u"%q";
+    if (assigns && used == 8) break;  // every assigning conversion has its target
+    format += text;
     if (!assigns) continue;
-    if (used == 8) break;
     char16_t last = text.back();
     if (last == u's') targets[used] = &strings[used];
     else if (last == u'c') targets[used] = chars[used];
