@@ -130,69 +130,58 @@ TEST(ErrorTableTest, EveryRowMapsToItsFirstCodedRow) {
   }
 }
 
-TEST(MapErrorTest, MappedLineAt519) {
+// One call each: the code, the flag, and the one line it writes (or none).
+TEST(MapErrorTest, CodeFlagAndLine) {
+  const char* kMapped = "MapError: mapped Windows error %d to %E";
+  const char* kUnknown = "MapError: unknown Windows error %d";
+  struct Case {
+    unsigned int number;
+    const char16_t* context;
+    int code;
+    int flag;
+    const char* format;  // nullptr: no line at all
+    unsigned int selector;
+    const char* text;
+  };
+  const Case cases[] = {
+      {2, nullptr, kErrNotFound, 1, kMapped, 519, "MapError: mapped Windows error 2 to Not found (error -1101)"},
+      // A Win32 HRESULT is reduced to its low word; only bits 16..28 name the facility.
+      {0x80070005u, nullptr, kErrAccessDenied, 1, kMapped, 519, "MapError: mapped Windows error 5 to Access denied (error -1017)"},
+      {0xE0070005u, nullptr, kErrAccessDenied, 1, kMapped, 519, "MapError: mapped Windows error 5 to Access denied (error -1017)"},
+      {0x80070002u, nullptr, kErrNotFound, 1, kMapped, 519, "MapError: mapped Windows error 2 to Not found (error -1101)"},
+      {0x80040005u, nullptr, kErrUnknown, 0, kUnknown, 514, nullptr},  // other facilities stay whole
+      {0x10070005u, nullptr, kErrUnknown, 0, kUnknown, 514, nullptr},
+      {1223, nullptr, kErrUnknown, -1, nullptr, 0, nullptr},  // silent row
+      {3010, u"copy", kErrUnknown, -1, nullptr, 0, nullptr},
+      {1359, nullptr, kErrUnknown, 1, kUnknown, 518, "MapError: unknown Windows error 1,359"},  // unexpected row
+      {1359, u"C:\\data", kErrUnknown, 1, "MapError: unknown Windows error %d <%s>", 518,
+       "MapError: unknown Windows error 1,359 <C:\\data>"},
+      {65000, nullptr, kErrUnknown, 0, kUnknown, 514, "MapError: unknown Windows error 65,000"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.number);
+    TestHost host;
+    TString context(c.context);
+    int flag = 99;
+    EXPECT_EQ(MapError(c.number, kMapTableWindows, &flag, c.context ? &context : nullptr), c.code);
+    EXPECT_EQ(flag, c.flag);
+    if (c.format == nullptr) {
+      EXPECT_TRUE(host.Lines().empty());
+      continue;
+    }
+    ASSERT_EQ(host.Lines().size(), 1u);
+    auto lines = host.LinesWithFormat(c.format);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].selector, c.selector);
+    EXPECT_EQ(static_cast<uint32_t>(lines[0].args.at(0)), c.format == kMapped ? c.number & 0xFFFF : c.number);
+    if (c.text != nullptr) {
+      EXPECT_EQ(lines[0].text, c.text);
+    }
+  }
+  // MapOsError is MapError on the Windows table.
   TestHost host;
-  EXPECT_EQ(MapError(2, kMapTableWindows, nullptr, nullptr), kErrNotFound);
-  auto lines = host.LinesWithFormat("MapError: mapped Windows error %d to %E");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].selector, 519u);
-  EXPECT_EQ(lines[0].text, "MapError: mapped Windows error 2 to Not found (error -1101)");
-  EXPECT_EQ(host.Lines().size(), 1u);
-}
-
-TEST(MapErrorTest, Win32HresultIsReducedToItsLowWord) {
-  TestHost host;
-  EXPECT_EQ(MapError(0x80070005u, kMapTableWindows, nullptr, nullptr), kErrAccessDenied);
   EXPECT_EQ(MapOsError(0x80070002u, nullptr), kErrNotFound);
-  // Only bits 16..28 name the facility: the top bits do not matter.
-  EXPECT_EQ(MapOsError(0xE0070005u, nullptr), kErrAccessDenied);
-  auto lines = host.LinesWithFormat("MapError: mapped Windows error %d to %E");
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].text, "MapError: mapped Windows error 5 to Access denied (error -1017)");
-  host.Clear();
-  // Other facilities are not Windows errors and stay whole.
-  EXPECT_EQ(MapOsError(0x80040005u, nullptr), kErrUnknown);
-  EXPECT_EQ(MapOsError(0x10070005u, nullptr), kErrUnknown);
-  auto unknown = host.LinesWithFormat("MapError: unknown Windows error %d");
-  ASSERT_EQ(unknown.size(), 2u);
-  EXPECT_EQ(static_cast<uint32_t>(unknown[0].args.at(0)), 0x80040005u);
-}
-
-TEST(MapErrorTest, SilentRowGivesUnknownWithoutLog) {
-  TestHost host;
-  int flag = 99;
-  EXPECT_EQ(MapError(1223, kMapTableWindows, &flag, nullptr), kErrUnknown);  // ERROR_CANCELLED
-  EXPECT_EQ(flag, -1);
-  TString context(u"copy");
-  EXPECT_EQ(MapError(3010, kMapTableWindows, &flag, &context), kErrUnknown);  // reboot required
-  EXPECT_TRUE(host.Lines().empty());
-}
-
-TEST(MapErrorTest, UnexpectedRowWarnsAt518) {
-  TestHost host;
-  int flag = 99;
-  EXPECT_EQ(MapError(1359, kMapTableWindows, &flag, nullptr), kErrUnknown);  // ERROR_INTERNAL_ERROR
-  EXPECT_EQ(flag, 1);
-  TString context(u"C:\\data");
-  EXPECT_EQ(MapOsError(1359, &context), kErrUnknown);
-  auto plain = host.LinesWithFormat("MapError: unknown Windows error %d");
-  auto withContext = host.LinesWithFormat("MapError: unknown Windows error %d <%s>");
-  ASSERT_EQ(plain.size(), 1u);
-  ASSERT_EQ(withContext.size(), 1u);
-  EXPECT_EQ(plain[0].selector, 518u);
-  EXPECT_EQ(withContext[0].selector, 518u);
-  EXPECT_EQ(withContext[0].text, "MapError: unknown Windows error 1,359 <C:\\data>");
-}
-
-TEST(MapErrorTest, NumberOutsideTheTableIsOrdinaryUnknown) {
-  TestHost host;
-  int flag = 99;
-  EXPECT_EQ(MapError(65000, kMapTableWindows, &flag, nullptr), kErrUnknown);
-  EXPECT_EQ(flag, 0);
-  auto lines = host.LinesWithFormat("MapError: unknown Windows error %d");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].selector, 514u);
-  EXPECT_EQ(lines[0].text, "MapError: unknown Windows error 65,000");
+  EXPECT_EQ(host.Lines().at(0).text, "MapError: mapped Windows error 2 to Not found (error -1101)");
 }
 
 TEST(MapErrorTest, BadTableIsAnAssertion) {
@@ -259,35 +248,36 @@ TEST(MapErrorCdlTest, TableAndLines) {
 }
 
 TEST(MapAndLogErrTest, LinesBySelectorAndShape) {
-  TestHost host;
-  TString where(u"D:\\backup.bin");
-  EXPECT_EQ(MapAndLogErr(&where, "OpenFile", 87), kErrBadParameter);  // flag 1
-  EXPECT_EQ(MapAndLogErr(nullptr, "ReadFile", 38), kErrEndOfFile);    // flag 0
-  auto full = host.LinesWithFormat("%s, %s, osErr %~d, error %~d");
-  auto brief = host.LinesWithFormat("%s, osErr %~d, error %~d");
-  ASSERT_EQ(full.size(), 1u);
-  ASSERT_EQ(brief.size(), 1u);
-  EXPECT_EQ(full[0].selector, 518u);
-  EXPECT_EQ(full[0].text, "OpenFile, D:\\backup.bin, osErr 87, error -1010");
-  EXPECT_EQ(brief[0].selector, 514u);
-  EXPECT_EQ(brief[0].text, "ReadFile, osErr 38, error -1114");
-  // 8-bit text arrives as UTF-8 and is logged as a string of its own.
-  host.Clear();
-  EXPECT_EQ(MapAndLogErr(nullptr, "\xC3\xB6" "ffnen", 2), kErrNotFound);
-  brief = host.LinesWithFormat("%s, osErr %~d, error %~d");
-  ASSERT_EQ(brief.size(), 1u);
-  EXPECT_EQ(brief[0].text, "\xC3\xB6" "ffnen, osErr 2, error -1101");
-}
-
-TEST(MapAndLogErrTest, SilentRowAndLastError) {
-  TestHost host;
-  EXPECT_EQ(MapAndLogErr(nullptr, "Wait", 1223), kErrUnknown);
-  EXPECT_TRUE(host.Lines().empty());
-  errno = EROFS;
-  EXPECT_EQ(MapAndLogErr(nullptr, "WriteFile", 0), kErrWriteProtected);
-  auto brief = host.LinesWithFormat("%s, osErr %~d, error %~d");
-  ASSERT_EQ(brief.size(), 1u);
-  EXPECT_EQ(brief[0].text, "WriteFile, osErr 30, error -1103");
+  struct Case {
+    const char16_t* where;
+    const char* operation;  // 8-bit text arrives as UTF-8
+    unsigned int number;    // 0: the last OS error, here EROFS
+    int code;
+    const char* text;       // nullptr: silent row, no line
+    unsigned int selector;
+  };
+  const Case cases[] = {
+      {u"D:\\backup.bin", "OpenFile", 87, kErrBadParameter, "OpenFile, D:\\backup.bin, osErr 87, error -1010", 518},
+      {nullptr, "ReadFile", 38, kErrEndOfFile, "ReadFile, osErr 38, error -1114", 514},
+      {nullptr, "\xC3\xB6" "ffnen", 2, kErrNotFound, "\xC3\xB6" "ffnen, osErr 2, error -1101", 518},
+      {nullptr, "WriteFile", 0, kErrWriteProtected, "WriteFile, osErr 30, error -1103", 514},
+      {nullptr, "Wait", 1223, kErrUnknown, nullptr, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.operation);
+    TestHost host;
+    TString where(c.where);
+    errno = EROFS;
+    EXPECT_EQ(MapAndLogErr(c.where ? &where : nullptr, c.operation, c.number), c.code);
+    auto lines = host.LinesWithFormat(c.where ? "%s, %s, osErr %~d, error %~d" : "%s, osErr %~d, error %~d");
+    if (c.text == nullptr) {
+      EXPECT_TRUE(host.Lines().empty());
+      continue;
+    }
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].text, c.text);
+    EXPECT_EQ(lines[0].selector, c.selector);
+  }
 }
 
 TEST(ErrorCodeTest, PossibleOpenFileErrors) {
@@ -313,10 +303,9 @@ TEST(RMGetErrIDTest, KeysAndBoundaries) {
     int top;
   };
   const Case cases[] = {
-      {-1017, 1, 16100, -1000}, {-1000, 1, 16100, -1000}, {-1001, 1, 16100, -1000}, {-1299, 1, 16100, -1000},
-      {-1201, 1, 16100, -1000}, {-1300, 0, 0, 0},          {-999, 0, 0, 0},           {-625, 1, 16101, -600},
-      {-600, 1, 16101, -600},   {-699, 1, 16101, -600},    {-700, 0, 0, 0},           {-599, 0, 0, 0},
-      {0, 0, 0, 0},             {1017, 0, 0, 0},           {INT_MIN, 0, 0, 0},        {INT_MAX, 0, 0, 0},
+      {-1000, 1, 16100, -1000}, {-1299, 1, 16100, -1000}, {-1300, 0, 0, 0}, {-999, 0, 0, 0},
+      {-600, 1, 16101, -600},   {-699, 1, 16101, -600},   {-700, 0, 0, 0},  {-599, 0, 0, 0},
+      {0, 0, 0, 0},             {INT_MIN, 0, 0, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.code);

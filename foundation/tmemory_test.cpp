@@ -242,7 +242,8 @@ TEST(TMemoryTest, TextAndCopiesRoundTrip) {
   ASSERT_EQ(copy.SetSize(13), 0);  // an odd byte is not a unit
   ASSERT_EQ(copy.ToString(&back), 0);
   EXPECT_EQ(back, text);
-  copy = copy;
+  const TMemory& self = copy;
+  copy = self;
   EXPECT_EQ(copy.GetSize(), 13u);
   copy.Zero();
   auto* bytes = static_cast<uint8_t*>(copy.MemPtr());

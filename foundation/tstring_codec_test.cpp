@@ -12,22 +12,18 @@
 
 #include "foundation/tstring.h"
 #include "tests/test_host.h"
+#include "tests/tstring_testing.h"
 
 namespace {
 
 std::vector<uint8_t> Bytes(const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); }
 
-std::vector<uint8_t> RandomBytes(std::mt19937& rng, size_t n) {
-  std::vector<uint8_t> b(n);
-  for (auto& x : b) x = static_cast<uint8_t>(rng());
-  return b;
-}
-
 TString RandomText(std::mt19937& rng, int maxLength) {
   std::u16string s;
-  int n = static_cast<int>(rng() % static_cast<unsigned>(maxLength + 1));
-  for (int i = 0; i < n; ++i) s += static_cast<char16_t>(rng());  // any unit, surrogates included
-  return TString(s.data(), static_cast<int>(s.size()));
+  for (int n = static_cast<int>(rng() % static_cast<unsigned>(maxLength + 1)); n > 0; --n) {
+    s += static_cast<char16_t>(rng());  // any unit, surrogates included
+  }
+  return Make(s);
 }
 
 // ---- Base64 / Base16 -----------------------------------------------------------

@@ -11,6 +11,7 @@
 
 #include "foundation/tstring.h"
 #include "tests/test_host.h"
+#include "tests/tstring_testing.h"
 
 namespace {
 
@@ -46,8 +47,6 @@ std::u16string Units16(const std::string& b) {
   return s;
 }
 
-std::u16string Units(const TString& s) { return std::u16string(s.GetConstBuffer(), s.GetLength()); }
-
 // Random scalar values, weighted towards every encoding length.
 char32_t RandomScalar(std::mt19937& rng) {
   static const char32_t kTop[] = {0x7F, 0x7FF, 0xFFFF, 0x10FFFF};
@@ -59,10 +58,15 @@ char32_t RandomScalar(std::mt19937& rng) {
 }
 
 std::string Utf8Of(char32_t cp) {
-  std::string in(reinterpret_cast<const char*>(&cp), 4);
   std::string out;
-  EXPECT_TRUE(Iconv("UTF-8", "UTF-32LE", in, &out));
+  EXPECT_TRUE(Iconv("UTF-8", "UTF-32LE", std::string(reinterpret_cast<const char*>(&cp), 4), &out));
   return out;
+}
+
+std::u16string Utf16Of(char32_t cp) {
+  std::string out;
+  EXPECT_TRUE(Iconv("UTF-16LE", "UTF-32LE", std::string(reinterpret_cast<const char*>(&cp), 4), &out));
+  return Units16(out);
 }
 
 TEST(TStringConvertTest, ValidTextMatchesIconv) {
@@ -88,50 +92,28 @@ TEST(TStringConvertTest, ValidTextMatchesIconv) {
   }
 }
 
-// UTF-16 with unpaired surrogates: the valid stretches convert as iconv
-// converts them, each unpaired surrogate becomes U+FFFD.
+// UTF-16 with unpaired surrogates: each becomes U+FFFD, the characters
+// around them convert as iconv converts them.
 TEST(TStringConvertTest, UnpairedSurrogatesBecomeReplacement) {
   std::mt19937 rng(11);
-  const char32_t kLone[] = {0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xD9AB};
+  const char16_t kLone[] = {0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xD9AB};
   for (int round = 0; round < 300; ++round) {
     std::u16string units;
     std::string expected8;
     std::u32string expected32;
-    std::u32string stretch;
-    auto flush = [&] {
-      std::string utf8;
-      std::string utf32(reinterpret_cast<const char*>(stretch.data()), stretch.size() * 4);
-      ASSERT_TRUE(Iconv("UTF-8", "UTF-32LE", utf32, &utf8));
-      expected8 += utf8;
-      expected32 += stretch;
-      std::string utf16;
-      ASSERT_TRUE(Iconv("UTF-16LE", "UTF-32LE", utf32, &utf16));
-      units += Units16(utf16);
-      stretch.clear();
-    };
-    int n = static_cast<int>(rng() % 30);
-    for (int i = 0; i < n; ++i) {
-      if (rng() % 4 != 0) {
-        stretch += RandomScalar(rng);
-        continue;
-      }
-      flush();
-      char32_t lone = kLone[rng() % 5];
-      // A high surrogate followed by a low one would pair; keep them apart.
-      if (!units.empty() && units.back() >= 0xD800 && units.back() <= 0xDBFF && lone >= 0xDC00) lone = 0xD800;
-      if (lone >= 0xD800 && lone <= 0xDBFF) {
-        units += static_cast<char16_t>(lone);
+    for (int n = static_cast<int>(rng() % 30); n > 0; --n) {
+      char32_t cp = RandomScalar(rng);
+      if (rng() % 4 == 0) {  // a lone surrogate, then 'a' so that a high one cannot pair
+        units += kLone[rng() % 5];
         expected8 += "\xEF\xBF\xBD";
         expected32 += U'\xFFFD';
-        stretch += U'a';  // the next unit must not be a low surrogate
-        continue;
+        cp = U'a';
       }
-      units += static_cast<char16_t>(lone);
-      expected8 += "\xEF\xBF\xBD";
-      expected32 += U'\xFFFD';
+      units += Utf16Of(cp);
+      expected8 += Utf8Of(cp);
+      expected32 += cp;
     }
-    flush();
-    TString s(units.c_str(), static_cast<int>(units.size()));
+    TString s = Make(units);
     EXPECT_EQ(TStringAsString(s), expected8);
     EXPECT_EQ(ConvertUTF16toUTF32(s), expected32);
     EXPECT_EQ(s.LengthAnsi(), static_cast<int>(expected8.size()));
@@ -166,11 +148,8 @@ TEST(TStringConvertTest, IllFormedUtf8PiecesBetweenValidText) {
       // A valid character (or the end) after each piece keeps pieces apart.
       if (p.truncated || rng() % 2 == 0) {
         char32_t cp = RandomScalar(rng);
-        std::string utf8 = Utf8Of(cp);
-        input += utf8;
-        std::string utf16;
-        ASSERT_TRUE(Iconv("UTF-16LE", "UTF-8", utf8, &utf16));
-        expected += Units16(utf16);
+        input += Utf8Of(cp);
+        expected += Utf16Of(cp);
       }
     }
     TString s = TStringFromUTF8(input);

@@ -13,21 +13,12 @@
 #include "foundation/memory.h"
 #include "foundation/resources.h"
 #include "tests/test_host.h"
+#include "tests/tstring_testing.h"
 
 namespace {
 
 const ResourceTextSpec kTestTexts[] = {{16999, "Tst1", u"resource text"}};
 ResourceTableRegistrar g_registrar(kTestTexts, 1);
-
-std::u16string Units(const TString& s) { return std::u16string(s.GetConstBuffer(), s.GetLength()); }
-TString Make(const std::u16string& s) { return TString(s.data(), static_cast<int>(s.size())); }
-
-std::u16string RandomFrom(std::mt19937& rng, const std::u16string& alphabet, int maxLength) {
-  std::u16string s;
-  int n = static_cast<int>(rng() % static_cast<unsigned>(maxLength + 1));
-  for (int i = 0; i < n; ++i) s += alphabet[rng() % alphabet.size()];
-  return s;
-}
 
 // ---- storage ------------------------------------------------------------------------
 
@@ -59,7 +50,8 @@ TEST(TStringTest, CopyAndMoveAcrossInlineAndHeap) {
     TString assigned(u"old");
     assigned = std::move(moved);
     EXPECT_EQ(Units(assigned), text);
-    assigned = assigned;  // NOLINT: self-assignment
+    const TString& self = assigned;
+    assigned = self;
     EXPECT_EQ(Units(assigned), text);
     assigned.Append(assigned);
     EXPECT_EQ(Units(assigned), text + text);
@@ -108,15 +100,11 @@ TEST(TStringTest, EditsMatchU16StringModel) {
 
 TEST(TStringTest, LeftMidRightClamp) {
   TString s(u"abcdef");
-  EXPECT_EQ(s.Left(2), u"ab");
-  EXPECT_EQ(s.Left(-1), u"");
-  EXPECT_EQ(s.Left(99), u"abcdef");
-  EXPECT_EQ(s.Mid(2), u"cdef");
-  EXPECT_EQ(s.Mid(2, 3), u"cde");
-  EXPECT_EQ(s.Mid(-5, 2), u"ab");
-  EXPECT_EQ(s.Mid(9, 2), u"");
-  EXPECT_EQ(s.Right(2), u"ef");
-  EXPECT_EQ(s.Right(99), u"abcdef");
+  const std::pair<TString, const char16_t*> kCuts[] = {
+      {s.Left(2), u"ab"},   {s.Left(-1), u""},      {s.Left(99), u"abcdef"}, {s.Mid(2), u"cdef"},
+      {s.Mid(2, 3), u"cde"}, {s.Mid(-5, 2), u"ab"}, {s.Mid(9, 2), u""},      {s.Right(2), u"ef"},
+      {s.Right(99), u"abcdef"}};
+  for (const auto& [cut, text] : kCuts) EXPECT_EQ(cut, text);
   EXPECT_EQ(s.GetAt(0), u'a');
   EXPECT_EQ(s.GetAt(6), 0);
   EXPECT_EQ(s.GetAt(-1), 0);
@@ -186,16 +174,11 @@ TEST(TStringTest, SearchAndCompareMatchU16String) {
     EXPECT_EQ(ta.StartWith(tb), a.compare(0, b.size(), b) == 0 && a.size() >= b.size());
     int cmp = Sign(a.compare(b));
     EXPECT_EQ(ta.Compare(tb), cmp);
-    EXPECT_EQ(ta == tb, cmp == 0);
-    EXPECT_EQ(ta != tb, cmp != 0);
-    EXPECT_EQ(ta < tb, cmp < 0);
-    EXPECT_EQ(ta <= tb, cmp <= 0);
-    EXPECT_EQ(ta > tb, cmp > 0);
-    EXPECT_EQ(ta >= tb, cmp >= 0);
+    EXPECT_EQ((std::vector<bool>{ta == tb, ta != tb, ta < tb, ta <= tb, ta > tb, ta >= tb}),
+              (std::vector<bool>{cmp == 0, cmp != 0, cmp < 0, cmp <= 0, cmp > 0, cmp >= 0}));
     if (b.find(u'\0') == std::u16string::npos) {
-      EXPECT_EQ(ta < b.c_str(), cmp < 0);
-      EXPECT_EQ(b.c_str() < ta, cmp > 0);
-      EXPECT_EQ(b.c_str() == ta, cmp == 0);
+      EXPECT_EQ((std::vector<bool>{ta < b.c_str(), b.c_str() < ta, b.c_str() == ta}),
+                (std::vector<bool>{cmp < 0, cmp > 0, cmp == 0}));
     }
     auto mismatch = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
     int expected = mismatch.first == a.end() && mismatch.second == b.end()
@@ -318,31 +301,22 @@ TEST(TStringTest, SetEditsAndHotkeys) {
     h.StripHotkey();
     EXPECT_EQ(h, out);
   }
-  const char16_t* kMixed = u"a\r\nb\rc\nd\n\re";
-  TString n(kMixed);
-  n.ConvertNewlines(TString::kNewlineLf);
-  EXPECT_EQ(n, u"a\nb\nc\nd\n\ne");
-  n = kMixed;
-  n.ConvertNewlines(TString::kNewlineCrLf);
-  EXPECT_EQ(n, u"a\r\nb\r\nc\r\nd\r\n\r\ne");
-  n = kMixed;
-  n.ConvertNewlines(TString::kNewlineCr);
-  EXPECT_EQ(n, u"a\rb\rc\rd\r\re");
+  const std::pair<TString::Newline, const char16_t*> kNewlines[] = {{TString::kNewlineLf, u"a\nb\nc\nd\n\ne"},
+                                                                    {TString::kNewlineCrLf, u"a\r\nb\r\nc\r\nd\r\n\r\ne"},
+                                                                    {TString::kNewlineCr, u"a\rb\rc\rd\r\re"}};
+  for (auto [style, out] : kNewlines) {
+    TString n(u"a\r\nb\rc\nd\n\re");
+    n.ConvertNewlines(style);
+    EXPECT_EQ(n, out);
+  }
 }
 
 TEST(TStringTest, EllipsizeKeepsHeadAndTail) {
   std::mt19937 rng(17);
   for (int round = 0; round < 2000; ++round) {
-    std::u16string text = RandomFrom(rng, u"ab\U0001F600", 20);
-    // Keep the pairs whole: drop unpaired halves from the random text.
-    std::u16string clean;
-    for (size_t i = 0; i < text.size(); ++i) {
-      if (text[i] == 0xD83D && i + 1 < text.size() && text[i + 1] == 0xDE00) {
-        clean += text.substr(i++, 2);
-      } else if (text[i] != 0xD83D && text[i] != 0xDE00) {
-        clean += text[i];
-      }
-    }
+    std::u16string clean;  // whole pairs only
+    const char16_t* kPieces[] = {u"a", u"b", u"\U0001F600"};
+    for (int n = static_cast<int>(rng() % 16); n > 0; --n) clean += kPieces[rng() % 3];
     int width = static_cast<int>(rng() % 24);
     auto where = static_cast<TString::EllipsisAt>(rng() % 3);
     TString s = Make(clean);
@@ -393,30 +367,22 @@ TEST(TStringTest, Ordinals) {
 }
 
 TEST(TStringTest, PathHelpers) {
-  TString p(u"/a/b");
-  p.AddPathDelimiter();
-  EXPECT_EQ(p, u"/a/b/");
-  p.AddPathDelimiter();
-  EXPECT_EQ(p, u"/a/b/");
-  TString w(u"C:\\x\\");
-  w.AddPathDelimiter();
-  EXPECT_EQ(w, u"C:\\x\\");
-  TString e;
-  e.AddPathDelimiter();
-  EXPECT_EQ(e, u"");
-  p.RemoveLastPathDelimiter();
-  EXPECT_EQ(p, u"/a/b");
-  p.RemoveLastPathDelimiter();
-  EXPECT_EQ(p, u"/a/b");
-  for (const char16_t* root : {u"/", u"\\", u"C:\\"}) {
-    TString r(root);
+  // {text, with a delimiter added, with the last one removed}
+  const std::tuple<const char16_t*, const char16_t*, const char16_t*> kDelimiters[] = {
+      {u"/a/b", u"/a/b/", u"/a/b"}, {u"/a/b/", u"/a/b/", u"/a/b"}, {u"C:\\x\\", u"C:\\x\\", u"C:\\x"},
+      {u"", u"", u""},              {u"/", u"/", u"/"},            {u"\\", u"\\", u"\\"},
+      {u"C:\\", u"C:\\", u"C:\\"}};
+  for (auto [in, added, removed] : kDelimiters) {
+    TString a(in), r(in);
+    a.AddPathDelimiter();
     r.RemoveLastPathDelimiter();
-    EXPECT_EQ(r, root);
+    EXPECT_EQ(a, added);
+    EXPECT_EQ(r, removed);
   }
-  EXPECT_EQ(TString(u"/a/b/c.txt").GetLastSegmentOfPath(), u"c.txt");
-  EXPECT_EQ(TString(u"C:\\dir\\sub\\").GetLastSegmentOfPath(), u"sub");
-  EXPECT_EQ(TString(u"name").GetLastSegmentOfPath(), u"name");
-  EXPECT_EQ(TString(u"/").GetLastSegmentOfPath(), u"");
+  for (auto [in, last] : {std::pair{u"/a/b/c.txt", u"c.txt"}, {u"C:\\dir\\sub\\", u"sub"}, {u"name", u"name"},
+                          {u"/", u""}}) {
+    EXPECT_EQ(TString(in).GetLastSegmentOfPath(), last);
+  }
 
   TestHost host;
   TString v(u"/mnt/vol/a/b");

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <set>
 #include <string>
@@ -12,6 +11,7 @@
 
 #include "foundation/errors.h"
 #include "foundation/tstring.h"
+#include "tests/temp_dir.h"
 #include "tests/test_host.h"
 
 namespace {
@@ -87,51 +87,22 @@ TEST(MapErrnoTest, IoErrorTakesItsDirection) {
 }
 
 // Real failures of the kernel, mapped through the last error.
-class OsErrorFsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* base = std::getenv("PLINTH_TEST_TMP");
-    std::string root = base != nullptr ? base : "/tmp";
-    ::mkdir(root.c_str(), 0700);
-    std::string pattern = root + "/os_error_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_dir = pattern;
-  }
-  void TearDown() override {
-    ::unlink((m_dir + "/sub/file").c_str());
-    ::rmdir((m_dir + "/sub").c_str());
-    ::rmdir(m_dir.c_str());
-  }
-  std::string m_dir;
-};
-
-TEST_F(OsErrorFsTest, KernelFailuresMapThroughTheLastError) {
+TEST(OsErrorFsTest, KernelFailuresMapThroughTheLastError) {
   TestHost host;
-  std::string sub = m_dir + "/sub";
-  std::string file = sub + "/file";
-
-  EXPECT_EQ(::open((m_dir + "/missing").c_str(), O_RDONLY), -1);
+  TempDir dir;
+  std::string file = dir.WriteFile("file", "x");
+  EXPECT_EQ(::open((dir.path() + "/missing").c_str(), O_RDONLY), -1);
   EXPECT_EQ(platform::MapLastOsError(nullptr), kErrNotFound);
-
-  ASSERT_EQ(::mkdir(sub.c_str(), 0700), 0);
-  EXPECT_EQ(::mkdir(sub.c_str(), 0700), -1);
+  EXPECT_EQ(::mkdir(dir.path().c_str(), 0700), -1);
   EXPECT_EQ(platform::LastOsError(), EEXIST);
   EXPECT_EQ(MapOsError(0, nullptr), kErrAlreadyExists);
-
-  int fd = ::open(file.c_str(), O_CREAT | O_WRONLY, 0600);
-  ASSERT_GE(fd, 0);
-  ::close(fd);
-  EXPECT_EQ(::rmdir(sub.c_str()), -1);
+  EXPECT_EQ(::rmdir(dir.path().c_str()), -1);
   EXPECT_EQ(MapError(0, kMapTableWindows, nullptr, nullptr), kErrDirNotEmpty);
-
   EXPECT_EQ(::open((file + "/below").c_str(), O_RDONLY), -1);  // a file used as a folder
   EXPECT_EQ(platform::MapLastOsError(nullptr), kErrNotFound);
-
   EXPECT_EQ(::close(-1), -1);
   EXPECT_EQ(platform::MapLastOsError(nullptr), kErrInvalidHandle);
-
-  std::string longName(300, 'n');
-  EXPECT_EQ(::open((m_dir + "/" + longName).c_str(), O_RDONLY), -1);
+  EXPECT_EQ(::open((dir.path() + "/" + std::string(300, 'n')).c_str(), O_RDONLY), -1);
   EXPECT_EQ(platform::MapLastOsError(nullptr), kErrBadName);
 }
 
