@@ -7,6 +7,8 @@
 
 #include "foundation/errors.h"
 #include "platform/locale.h"
+#include "time/tdate.h"
+#include "time/tinterval.h"
 #include "tests/test_host.h"
 
 namespace {
@@ -32,6 +34,15 @@ TEST(FormatCheckedTest, RendersAsTheFormatter) {
   v.SPrintf(u"%s %S %~d %ld %u %p %E %*d|%c %#", constName, nullptr, -5, big, static_cast<unsigned>(small), ip,
             kErrNotFound, 4, 7, u'x', 1, 4);
   EXPECT_TRUE(v.Identical(s));
+  platform::SetLocaleSeparatorsForTesting(nullptr);
+}
+
+TEST(FormatCheckedTest, DatesAndIntervals) {
+  platform::LocaleSeparatorsSpec english;
+  platform::SetLocaleSeparatorsForTesting(&english);
+  TDate d(2024, 12, 31, 23, 59, 58, 0);
+  const TInterval iv(1, 2, 3, 4, 5);
+  EXPECT_EQ(TStringAsString(Format(u"%.2D %T %I %D", &d, &d, &iv, nullptr)), "2024-12-31 23:59:58 1 02:03:04 ");
   platform::SetLocaleSeparatorsForTesting(nullptr);
 }
 

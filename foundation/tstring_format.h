@@ -46,7 +46,10 @@
 //         put into the format of group 16000 key "Errr" with the code
 //         ("%s (error %~d)" when that key is missing); "~" gives the text
 //         alone.  => the code
-//   D T   pointer to TDate; I pointer to TInterval (see tstring_format_dates)
+//   D T   pointer to TDate: the date, the time of day; I pointer to
+//         TInterval. Forms and raw forms in tstring_format_dates.cpp; null
+//         prints nothing and records "0000-00-00T00:00:00.000Z+00:00" (D T)
+//         or "" (I).
 //   K k   size in kilobytes (64-bit with l): 0 prints the text of group
 //         16000 key "Zero" and a blank; up to 1023 the number, a blank and
 //         the first unit letter (never grouped); above, while the value is

@@ -61,6 +61,40 @@ bool TimeSeparatorOf(const char* format, char16_t (&out)[kMaxSeparatorUnits + 1]
   return Store(sep, out);
 }
 
+// The field order and first separator of a strftime date format
+// ("%m/%d/%y" gives MDY and "/"; "%d.%m.%Y" DMY and "."). False when the
+// format does not name the three fields.
+bool DateFormOf(const char* format, char (&order)[4], char16_t (&sep)[kMaxSeparatorUnits + 1]) {
+  if (format == nullptr) return false;
+  char fields[4] = {};
+  int n = 0;
+  char between[8] = {};
+  int betweenUnits = 0;
+  for (const char* p = format; *p != 0; ++p) {
+    if (*p != '%') {
+      if (n == 1 && betweenUnits < 7) between[betweenUnits++] = *p;
+      continue;
+    }
+    ++p;
+    while (*p == 'E' || *p == 'O' || *p == '-' || *p == '_' || *p == '0') ++p;
+    if (*p == 0) break;
+    char field = *p == 'd' || *p == 'e' ? 'D' : *p == 'm' || *p == 'b' || *p == 'B' ? 'M' : *p == 'y' || *p == 'Y' ? 'Y' : 0;
+    if (*p == 'D') {  // %D is %m/%d/%y
+      order[0] = 'M'; order[1] = 'D'; order[2] = 'Y'; order[3] = 0;
+      return Store("/", sep);
+    }
+    if (field == 0 || n == 3) return false;
+    fields[n++] = field;
+  }
+  if (n != 3 || fields[0] == fields[1] || fields[1] == fields[2] || fields[0] == fields[2]) return false;
+  char16_t read[kMaxSeparatorUnits + 1] = {};
+  if (!Store(between, read)) return false;
+  for (int i = 0; i < 3; ++i) order[i] = fields[i];
+  order[3] = 0;
+  for (int i = 0; i <= kMaxSeparatorUnits; ++i) sep[i] = read[i];
+  return true;
+}
+
 std::atomic<bool> g_overridden{false};
 LocaleSeparatorsSpec g_override;
 
@@ -75,6 +109,7 @@ LocaleSeparatorsSpec ReadLocaleSeparators(const char* name) {
   Store(nl_langinfo_l(THOUSEP, loc), spec.thousands);
   Store(nl_langinfo_l(NEGATIVE_SIGN, loc), spec.negative);
   TimeSeparatorOf(nl_langinfo_l(T_FMT, loc), spec.time);
+  DateFormOf(nl_langinfo_l(D_FMT, loc), spec.dateOrder, spec.date);
   freelocale(loc);
   return spec;
 }
