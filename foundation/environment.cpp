@@ -9,7 +9,6 @@
 #include "foundation/log.h"
 #include "foundation/memory.h"
 #include "foundation/resources.h"
-#include "foundation/tstring_format.h"
 #include "platform/os_error.h"
 #include "platform/system.h"
 
@@ -65,15 +64,6 @@ TFolderLoc ChooseFolder(const char* serviceFolder, const char* xdgVariable, cons
   return FolderUnder(home, homeLeaf);
 }
 
-// Formats the resource text group/key with the arguments.
-void FormatResource(TString* out, unsigned short group, const char (&key)[5], ...) {
-  TString format;
-  LoadResourceText(group, ResKey(key), &format);
-  va_list ap;
-  va_start(ap, key);
-  VFormat(out, format.GetConstBuffer(), format.GetLength(), ap);
-  va_end(ap);
-}
 
 bool ParseUnsigned(const std::string& text, size_t* at, unsigned int* value) {
   while (*at < text.size() && (text[*at] == ' ' || text[*at] == '\t')) ++*at;
@@ -167,15 +157,15 @@ int TestPlinthEnvirons() {
   if (!LoadRequirements(&need)) {
     reason = u"Cannot execute: program resources missing";
   } else if (totalMB < need.physicalMB) {
-    FormatResource(&reason, kStartupGroup, "NoPM", need.physicalMB);
+    reason.SPrintf(kStartupGroup, static_cast<int>(ResKey("NoPM")), need.physicalMB);
   } else if (PlinthEnv.osVersion.major < need.osMajor) {
-    FormatResource(&reason, kStartupGroup, "WrVr", need.osMajor);
+    reason.SPrintf(kStartupGroup, static_cast<int>(ResKey("WrVr")), need.osMajor);
   } else if (MemAvail(1, 100) / (1024 * 1024) < need.availableMB) {
-    FormatResource(&reason, kStartupGroup, "NoMe", need.availableMB);
+    reason.SPrintf(kStartupGroup, static_cast<int>(ResKey("NoMe")), need.availableMB);
   } else {
     unsigned int diskKB = 0;
     if (GetDiskWorkingSpace(&diskKB) != 0 || diskKB < need.diskKB) {
-      FormatResource(&reason, kStartupGroup, "NoSp", need.diskKB >> 10);
+      reason.SPrintf(kStartupGroup, static_cast<int>(ResKey("NoSp")), need.diskKB >> 10);
     }
   }
   if (reason.IsEmpty()) return 0;

@@ -144,19 +144,19 @@ TEST(MapErrorTest, CodeFlagAndLine) {
     const char* text;
   };
   const Case cases[] = {
-      {2, nullptr, kErrNotFound, 1, kMapped, 519, "MapError: mapped Windows error 2 to -1101"},
+      {2, nullptr, kErrNotFound, 1, kMapped, 519, "MapError: mapped Windows error 2 to Not found (error -1101)"},
       // A Win32 HRESULT is reduced to its low word; only bits 16..28 name the facility.
-      {0x80070005u, nullptr, kErrAccessDenied, 1, kMapped, 519, "MapError: mapped Windows error 5 to -1017"},
-      {0xE0070005u, nullptr, kErrAccessDenied, 1, kMapped, 519, "MapError: mapped Windows error 5 to -1017"},
-      {0x80070002u, nullptr, kErrNotFound, 1, kMapped, 519, "MapError: mapped Windows error 2 to -1101"},
+      {0x80070005u, nullptr, kErrAccessDenied, 1, kMapped, 519, "MapError: mapped Windows error 5 to Access denied (error -1017)"},
+      {0xE0070005u, nullptr, kErrAccessDenied, 1, kMapped, 519, "MapError: mapped Windows error 5 to Access denied (error -1017)"},
+      {0x80070002u, nullptr, kErrNotFound, 1, kMapped, 519, "MapError: mapped Windows error 2 to Not found (error -1101)"},
       {0x80040005u, nullptr, kErrUnknown, 0, kUnknown, 514, nullptr},  // other facilities stay whole
       {0x10070005u, nullptr, kErrUnknown, 0, kUnknown, 514, nullptr},
       {1223, nullptr, kErrUnknown, -1, nullptr, 0, nullptr},  // silent row
       {3010, u"copy", kErrUnknown, -1, nullptr, 0, nullptr},
-      {1359, nullptr, kErrUnknown, 1, kUnknown, 518, "MapError: unknown Windows error 1359"},  // unexpected row
+      {1359, nullptr, kErrUnknown, 1, kUnknown, 518, "MapError: unknown Windows error 1,359"},  // unexpected row
       {1359, u"C:\\data", kErrUnknown, 1, "MapError: unknown Windows error %d <%s>", 518,
-       "MapError: unknown Windows error 1359 <C:\\data>"},
-      {65000, nullptr, kErrUnknown, 0, kUnknown, 514, "MapError: unknown Windows error 65000"},
+       "MapError: unknown Windows error 1,359 <C:\\data>"},
+      {65000, nullptr, kErrUnknown, 0, kUnknown, 514, "MapError: unknown Windows error 65,000"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.number);
@@ -181,7 +181,7 @@ TEST(MapErrorTest, CodeFlagAndLine) {
   // MapOsError is MapError on the Windows table.
   TestHost host;
   EXPECT_EQ(MapOsError(0x80070002u, nullptr), kErrNotFound);
-  EXPECT_EQ(host.Lines().at(0).text, "MapError: mapped Windows error 2 to -1101");
+  EXPECT_EQ(host.Lines().at(0).text, "MapError: mapped Windows error 2 to Not found (error -1101)");
 }
 
 TEST(MapErrorTest, BadTableIsAnAssertion) {
@@ -204,7 +204,7 @@ TEST(MapErrorTest, ZeroTakesTheLastOsError) {
   EXPECT_EQ(MapOsError(0, nullptr), kErrDiskFull);
   auto lines = host.LinesWithFormat("MapErrno: mapped errno %d to %E");
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1].text, "MapErrno: mapped errno 28 to -1115");
+  EXPECT_EQ(lines[1].text, "MapErrno: mapped errno 28 to The disk is full (error -1115)");
 }
 
 TEST(MapErrorCdlTest, TableAndLines) {
@@ -222,7 +222,7 @@ TEST(MapErrorCdlTest, TableAndLines) {
   auto mapped = host.LinesWithFormat("MapError: mapped CDL error %d to %E");
   ASSERT_EQ(mapped.size(), 1u);
   EXPECT_EQ(mapped[0].selector, 519u);
-  EXPECT_EQ(mapped[0].text, "MapError: mapped CDL error 0 to -1201");
+  EXPECT_EQ(mapped[0].text, "MapError: mapped CDL error 0 to The CDL component failed (error -1201)");
 
   // A flag-only row does not stop the scan; the coded row behind it wins.
   int flag = 99;
@@ -240,7 +240,7 @@ TEST(MapErrorCdlTest, TableAndLines) {
   auto plain = host.LinesWithFormat("MapError: unknown CDL error %d");
   ASSERT_EQ(withContext.size(), 1u);
   EXPECT_EQ(withContext[0].selector, 518u);
-  EXPECT_EQ(withContext[0].text, "MapError: unknown CDL error 65535,<tape>");
+  EXPECT_EQ(withContext[0].text, "MapError: unknown CDL error 65,535,<tape>");
   ASSERT_EQ(plain.size(), 2u);
   EXPECT_EQ(plain[0].selector, 518u);
   EXPECT_EQ(plain[1].selector, 514u);

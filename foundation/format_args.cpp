@@ -1,21 +1,35 @@
 #include "foundation/format_args.h"
 
-namespace {
-
-enum class ArgKind { kNone, kInt, kLong, kPointer, kTwoInts, kTwoLongs };
-
-ArgKind KindOf(char32_t conversion, bool wide) {
+FormatArgKind FormatConversionArg(char32_t conversion, bool wide) {
   switch (conversion) {
     case 'd': case 'i': case 'u': case 'x': case 'X': case 'F': case 'K': case 'k':
-    case 'c': case 'C': case 'E':
-      return wide ? ArgKind::kLong : ArgKind::kInt;
+    case 'c': case 'C': case 'E': case 'Y': case 'y':
+      return wide ? FormatArgKind::kLong : FormatArgKind::kInt;
     case '#':
-      return wide ? ArgKind::kTwoLongs : ArgKind::kTwoInts;
+      return wide ? FormatArgKind::kTwoLongs : FormatArgKind::kTwoInts;
     case '$': case 'p': case 's': case 'S': case 'D': case 'T': case 'I':
-      return ArgKind::kPointer;
+      return FormatArgKind::kPointer;
     default:
-      return ArgKind::kNone;
+      return FormatArgKind::kNone;
   }
+}
+
+namespace {
+
+using ArgKind = FormatArgKind;
+
+template <typename Ch>
+size_t LeadingBlock(const Ch* f, size_t n) {
+  if (f == nullptr || n == 0 || f[0] != '{') return 0;
+  size_t depth = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (f[i] == '{') {
+      ++depth;
+    } else if (f[i] == '}' && --depth == 0) {
+      return i + 1;
+    }
+  }
+  return 0;
 }
 
 // `ap` by pointer: va_list is an array on some ABIs and a plain pointer on
@@ -45,7 +59,7 @@ void Take(ArgKind kind, va_list* ap, FormatArgList* out) {
 
 template <typename Ch>
 void Collect(const Ch* f, size_t n, va_list* ap, FormatArgList* out) {
-  size_t i = 0;
+  size_t i = LeadingBlock(f, n);
   while (i < n) {
     if (f[i] != '%') { ++i; continue; }
     ++i;
@@ -62,12 +76,15 @@ void Collect(const Ch* f, size_t n, va_list* ap, FormatArgList* out) {
     bool wide = false;
     if (i < n && (f[i] == 'l' || f[i] == 'L')) { wide = true; ++i; }
     if (i >= n) return;
-    Take(KindOf(static_cast<char32_t>(f[i]), wide), ap, out);
+    Take(FormatConversionArg(static_cast<char32_t>(f[i]), wide), ap, out);
     ++i;
   }
 }
 
 }  // namespace
+
+size_t FormatLeadingBlockLength(const char16_t* format, size_t length) { return LeadingBlock(format, length); }
+size_t FormatLeadingBlockLength(const char* format, size_t length) { return LeadingBlock(format, length); }
 
 void CollectFormatArgs(const char16_t* format, int length, va_list ap, FormatArgList* out) {
   *out = FormatArgList();

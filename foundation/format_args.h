@@ -10,9 +10,13 @@
 //
 // Conversion syntax after '%': '-', '0', width (digits or '*'), '.' and
 // precision (digits or '*'), '~', ';', 'l' or 'L', conversion character.
-// Arguments consumed: '*' one int each; d i u x X F K k c C E one int (64-bit
-// with 'l'); '#' two numbers; $ p s S D T I one pointer; % ^ { } none. Any
-// other conversion character consumes nothing.
+// Arguments consumed: '*' one int each; d i u x X F K k c C E Y y one int
+// (64-bit with 'l'); '#' two numbers; $ p s S D T I one pointer; % ^ { }
+// none. Any other conversion character consumes nothing. A format that
+// opens with a brace-balanced "{...}" block has no conversions in it: the
+// formatter keeps that block apart (tstring_format.h), and so does the
+// scanner. This table is the formatter's own: it reads its arguments
+// through FormatConversionArg.
 #ifndef PLINTH_FOUNDATION_FORMAT_ARGS_H_
 #define PLINTH_FOUNDATION_FORMAT_ARGS_H_
 
@@ -22,6 +26,16 @@
 #include <utility>
 
 #include "foundation/export.h"
+
+// What one conversion takes from the argument list.
+enum class FormatArgKind { kNone, kInt, kLong, kPointer, kTwoInts, kTwoLongs };
+
+PLINTH_API FormatArgKind FormatConversionArg(char32_t conversion, bool wide);
+
+// Units of the leading brace-balanced block of `format` (0 when the format
+// does not open with "{" or the block never closes).
+PLINTH_API size_t FormatLeadingBlockLength(const char16_t* format, size_t length);
+PLINTH_API size_t FormatLeadingBlockLength(const char* format, size_t length);
 
 struct FormatArgList {
   static constexpr int kMax = 32;

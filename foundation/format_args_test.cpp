@@ -41,6 +41,17 @@ TEST(FormatArgsTest, ConsumesWhatEachConversionTakes) {
   EXPECT_EQ(Collected(u"%q %w %", 1), std::vector<uint64_t>{});
 }
 
+TEST(FormatArgsTest, LeadingBlockHoldsNoConversions) {
+  // The block is skipped, nested braces counted; braces later are text.
+  EXPECT_EQ(Collected(u"{id %d {%s}}%d {%d}", 7, 8), (std::vector<uint64_t>{7, 8}));
+  // A block that never closes is no block: its conversions count.
+  EXPECT_EQ(Collected(u"{%d", 9), std::vector<uint64_t>{9});
+  EXPECT_EQ(FormatLeadingBlockLength(u"{a{b}c}d", 8), 7u);
+  EXPECT_EQ(FormatLeadingBlockLength("x{a}", 4), 0u);
+  EXPECT_EQ(FormatLeadingBlockLength(u"{{}", 3), 0u);
+  EXPECT_EQ(Collected(u"%Y %ly", 1, 1LL << 40), (std::vector<uint64_t>{1, 1ull << 40}));
+}
+
 TEST(FormatArgsTest, StopsAtTheLimit) {
   EXPECT_TRUE(Overflows("%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d", 1, 2, 3, 4, 5, 6, 7,
                         8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31,

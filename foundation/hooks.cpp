@@ -7,7 +7,6 @@
 #include "foundation/format_args.h"
 #include "foundation/log.h"
 #include "foundation/tstring.h"
-#include "foundation/tstring_format.h"
 #include "platform/thread.h"
 
 namespace {
@@ -61,7 +60,7 @@ constexpr int kNotInstalled = -1011;
 // Formats `fmt` with `ap`, strips the alert prefix and raises it as fatal.
 void RaiseFormatted(TString* fmt, va_list ap) {
   TString text;
-  if (fmt != nullptr) VFormat(&text, fmt->GetConstBuffer(), fmt->GetLength(), ap);
+  if (fmt != nullptr) text.VSPrintf(fmt->GetConstBuffer(), fmt->GetLength(), ap);
   AlertParse(&text);
   FatalAlert(&text);
 }

@@ -377,6 +377,35 @@ int TString::AddParameter(char16_t kind, int position, int length, const TString
   return 0;
 }
 
+void TString::ReplaceFormatted(const char16_t* text, int length) {
+  if (m_params == nullptr) {
+    ReplaceText(text, length);
+    return;
+  }
+  TStringParameterList* kept = m_params;
+  m_params = nullptr;
+  ReplaceText(text, length);
+  kept->Reset();
+  m_params = kept;
+}
+
+int TString::AddParameter(char16_t kind, int position, int length, const char16_t* raw, int rawLength) {
+  if (position < 0 || length < 0 || position > m_length || length > m_length - position || rawLength < 0 ||
+      (raw == nullptr && rawLength > 0)) {
+    LogLine(514, u"TString::AddParameter: %~d units at %~d outside a text of %~d units, %E", length, position,
+            m_length, kErrBadParameter);
+    return kErrBadParameter;
+  }
+  if (m_params == nullptr) m_params = new TStringParameterList();
+  m_params->Add(kind, position, length, raw, rawLength);
+  return 0;
+}
+
+void TString::SetFormatString(const char16_t* format, int length) {
+  if (m_params == nullptr) m_params = new TStringParameterList();
+  m_params->SetFormat(format, length);
+}
+
 void TString::SetFormatString(const TString& format) {
   if (m_params == nullptr) m_params = new TStringParameterList();
   m_params->SetFormat(format);

@@ -51,6 +51,7 @@
 #ifndef PLINTH_FOUNDATION_TSTRING_H_
 #define PLINTH_FOUNDATION_TSTRING_H_
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -293,6 +294,25 @@ class PLINTH_API TString : public TObject {
   void Base16Encode();
   int Base16Decode();
 
+  // ---- formatting (tstring_format.h) ---------------------------------------------
+  // Replace the text with the format rendered with the arguments, record one
+  // parameter per formatted value and the format string; return the new
+  // length. Formatting never fails. The format and the arguments may be this
+  // string itself.
+  int SPrintf(TString* format, ...);
+  int SPrintf(const char16_t* format, ...);
+  // The format is the resource text (group, key); empty when it is missing.
+  int SPrintf(unsigned short group, int key, ...);
+  // The core of the three; `length` -1 reads up to the terminator. Hosts
+  // use it to render what their DebugLogf hook receives.
+  int VSPrintf(const char16_t* format, int length, va_list ap);
+
+  // Read values from the text as DoScanf (tstring_scan.h) describes; return
+  // the number of values assigned.
+  int SScanf(TString* format, ...) const;
+  int SScanf(const char16_t* format, ...) const;
+  int SScanf(unsigned short group, int key, ...) const;
+
   // ---- parameters ----------------------------------------------------------------
   int GetParameterCount() const;
   // The record of parameter `index`; kErrNoMoreItems past the last, and
@@ -307,7 +327,14 @@ class PLINTH_API TString : public TObject {
   // Used by the formatter: records a formatted value at [position,
   // position + length) and the format string.
   int AddParameter(char16_t kind, int position, int length, const TString& raw);
+  int AddParameter(char16_t kind, int position, int length, const char16_t* raw, int rawLength);
   void SetFormatString(const TString& format);
+  void SetFormatString(const char16_t* format, int length);
+  // Used by the formatter: replaces the text and empties the parameter list
+  // and format string while keeping their storage, so formatting into the
+  // same string again does not allocate them anew. `text` must not point
+  // into this string.
+  void ReplaceFormatted(const char16_t* text, int length);
   // Relocation of this string's parameters to follow a cut of its text:
   // keep those in [0, count), in [start, start + count) moved to 0, or in the
   // last `count` units; RelocateParameters moves those at or after `from` by

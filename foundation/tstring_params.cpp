@@ -37,6 +37,22 @@ void TStringParameterList::Add(char16_t kind, int position, int length, const TS
   ++m_count;
 }
 
+void TStringParameterList::Add(char16_t kind, int position, int length, const char16_t* raw, int rawLength) {
+  if (m_count == m_capacity) Grow();
+  TStringParameter* p = new (&m_items[m_count]) TStringParameter();
+  p->kind = kind;
+  p->position = position;
+  p->length = length;
+  p->raw.Assign(raw, rawLength);
+  ++m_count;
+}
+
+void TStringParameterList::Reset() {
+  while (m_count > 0) m_items[--m_count].~TStringParameter();
+  m_format.Clear();  // keeps its block
+  m_hasFormat = false;
+}
+
 void TStringParameterList::Remove(int index) {
   for (int i = index; i + 1 < m_count; ++i) m_items[i] = std::move(m_items[i + 1]);
   --m_count;
@@ -45,6 +61,11 @@ void TStringParameterList::Remove(int index) {
 
 void TStringParameterList::SetFormat(const TString& format) {
   m_format = format;
+  m_hasFormat = true;
+}
+
+void TStringParameterList::SetFormat(const char16_t* format, int length) {
+  m_format.Assign(format, length);
   m_hasFormat = true;
 }
 

@@ -21,8 +21,12 @@ class TStringParameterList : public TObject {
   const TStringParameter& At(int index) const { return m_items[index]; }
 
   void Add(char16_t kind, int position, int length, const TString& raw);
+  void Add(char16_t kind, int position, int length, const char16_t* raw, int rawLength);
   void Remove(int index);
+  // No records and no format, the storage kept.
+  void Reset();
   void SetFormat(const TString& format);
+  void SetFormat(const char16_t* format, int length);
   void DropFormat();
   bool HasFormat() const { return m_hasFormat; }
   const TString& Format() const { return m_format; }

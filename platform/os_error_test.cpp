@@ -62,7 +62,7 @@ TEST(MapErrnoTest, LogLines) {
   auto mapped = host.LinesWithFormat("MapErrno: mapped errno %d to %E");
   ASSERT_EQ(mapped.size(), 1u);
   EXPECT_EQ(mapped[0].selector, 519u);
-  EXPECT_EQ(mapped[0].text, "MapErrno: mapped errno 2 to -1101");
+  EXPECT_EQ(mapped[0].text, "MapErrno: mapped errno 2 to Not found (error -1101)");
 
   TString context(u"/srv/x");
   EXPECT_EQ(MapErrno(4000, nullptr), kErrUnknown);
@@ -73,7 +73,7 @@ TEST(MapErrnoTest, LogLines) {
   ASSERT_EQ(plain.size(), 2u);
   ASSERT_EQ(withContext.size(), 1u);
   EXPECT_EQ(plain[0].selector, 514u);
-  EXPECT_EQ(plain[0].text, "MapErrno: unknown errno 4000");
+  EXPECT_EQ(plain[0].text, "MapErrno: unknown errno 4,000");
   EXPECT_EQ(withContext[0].selector, 514u);
   EXPECT_EQ(withContext[0].text, "MapErrno: unknown errno 0 </srv/x>");
 }

@@ -6,7 +6,7 @@
 #include "foundation/format_args.h"
 #include "foundation/hooks.h"
 #include "foundation/tstring.h"
-#include "foundation/tstring_format.h"
+#include "platform/locale.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ int64_t HostDebugLogf(unsigned int selector, TString* fmt, ...) {
   line.args.assign(args.word, args.word + args.count);
   va_start(ap, fmt);
   TString text;
-  VFormat(&text, fmt->GetConstBuffer(), fmt->GetLength(), ap);
+  text.VSPrintf(fmt->GetConstBuffer(), fmt->GetLength(), ap);
   va_end(ap);
   line.text = TStringAsString(text);
   host->Record(std::move(line));
@@ -68,6 +68,8 @@ int64_t HostGetIniString(const char16_t* section, const char16_t* key, TString* 
 
 TestHost::TestHost() {
   g_host.store(this);
+  platform::LocaleSeparatorsSpec english;  // the defaults are the English separators
+  platform::SetLocaleSeparatorsForTesting(&english);
   HookDebugLogf(&HostDebugLogf);
   HookDebugLogfChar(&HostDebugLogfChar);
   HookFatalAlert(&HostFatalAlert);

@@ -3,7 +3,10 @@
 // lines the library writes.
 //
 // Formats and arguments arrive unformatted; the host keeps the format text
-// and the argument words as the library passed them.
+// and the argument words as the library passed them, and renders the line
+// with the library's formatter (TString::VSPrintf). A host sets the English
+// separators ("." "," "-" ":") through the locale seam, so rendered texts do
+// not depend on the machine's locale.
 #ifndef PLINTH_TESTS_TEST_HOST_H_
 #define PLINTH_TESTS_TEST_HOST_H_
 
@@ -17,7 +20,7 @@ struct LoggedLine {
   unsigned int selector = 0;
   std::string format;           // UTF-8
   std::vector<uint64_t> args;   // one word per argument, as collected
-  std::string text;             // the line rendered in its plain form
+  std::string text;             // the line rendered by the formatter
 };
 
 // Installs the hooks on construction and starts a fresh record; the hooks
