@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the plain build, the whole suite under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded tests under
-# ThreadSanitizer.
+# ThreadSanitizer, and the libFuzzer targets for a short run each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -24,5 +24,10 @@ run_suite build/test "" ""
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan address ""
+echo "== libFuzzer targets (clang, ASan+UBSan), 20 s each"
+cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+  -DCMAKE_CXX_COMPILER=clang++ -DPLINTH_BUILD_FUZZ=ON -DPLINTH_BUILD_TESTS=OFF >/dev/null
+cmake --build build/fuzz --target plinth_fuzz
+ctest --test-dir build/fuzz --output-on-failure -j "$jobs" -R '^fuzz\.'
 echo "== ThreadSanitizer (threaded tests)"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite build/tsan thread "Threaded"
