@@ -4,8 +4,9 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
-#include <vector>
+#include <unordered_map>
 
 #include "foundation/hooks.h"
 #include "foundation/log.h"
@@ -14,10 +15,12 @@
 
 namespace {
 
+// Every log line with "%E" looks texts up, so reads share the lock and
+// each table is a hash index: (group << 32 | key) -> text.
 struct Store {
-  std::mutex lock;
-  std::vector<std::pair<const ResourceTextSpec*, int>> builtin;
-  std::map<uint64_t, TString> host;  // (group << 32 | key) -> text
+  std::shared_mutex lock;
+  std::unordered_map<uint64_t, const char16_t*> builtin;
+  std::unordered_map<uint64_t, TString> host;
 };
 
 Store& TheStore() {
@@ -76,25 +79,26 @@ bool ParseLine(const std::string& line, unsigned short* group, unsigned int* key
 
 ResourceTableRegistrar::ResourceTableRegistrar(const ResourceTextSpec* table, int count) {
   Store& store = TheStore();
-  std::lock_guard<std::mutex> guard(store.lock);
-  store.builtin.emplace_back(table, count);
+  std::unique_lock<std::shared_mutex> guard(store.lock);
+  // The first registration of a text wins, as a scan in load order would.
+  for (int i = 0; i < count; ++i) store.builtin.emplace(Slot(table[i].group, ResKey(table[i].key)), table[i].text);
 }
 
 int LoadResourceText(unsigned short group, unsigned int key, TString* out) {
   Store& store = TheStore();
-  std::lock_guard<std::mutex> guard(store.lock);
-  auto it = store.host.find(Slot(group, key));
-  if (it != store.host.end()) {
+  std::shared_lock<std::shared_mutex> guard(store.lock);
+  uint64_t slot = Slot(group, key);
+  if (!store.host.empty()) {
+    auto it = store.host.find(slot);
+    if (it != store.host.end()) {
+      *out = it->second;
+      return 1;
+    }
+  }
+  auto it = store.builtin.find(slot);
+  if (it != store.builtin.end()) {
     *out = it->second;
     return 1;
-  }
-  for (const auto& [table, count] : store.builtin) {
-    for (int i = 0; i < count; ++i) {
-      if (table[i].group == group && ResKey(table[i].key) == key) {
-        *out = table[i].text;
-        return 1;
-      }
-    }
   }
   out->Clear();
   return 0;
@@ -127,13 +131,13 @@ int LoadResourceFile(const TString& path) {
     loaded[Slot(group, key)] = TStringFromUTF8(text);
   }
   Store& store = TheStore();
-  std::lock_guard<std::mutex> guard(store.lock);
+  std::unique_lock<std::shared_mutex> guard(store.lock);
   for (auto& [slot, text] : loaded) store.host[slot] = std::move(text);
   return 0;
 }
 
 void ClearHostResources() {
   Store& store = TheStore();
-  std::lock_guard<std::mutex> guard(store.lock);
+  std::unique_lock<std::shared_mutex> guard(store.lock);
   store.host.clear();
 }
