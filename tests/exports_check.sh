@@ -6,7 +6,9 @@ fail() { echo "exports_check: $*" >&2; exit 1; }
 syms=$(nm -D --defined-only -C "$lib") || fail "nm failed"
 for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugLogf(' 'HookQueryf(' 'Debug(' \
             'TString::TString(' 'TString::Base64Encode(' 'MapError(' 'MapAndLogErr(' 'RMGetErrID(' 'MapErrno(' \
-            'TestPlinthEnvirons(' 'GetDiskWorkingSpace(' 'OSCheck(' 'PlinthEnv' 'LoadResourceFile(' ; do
+            'TestPlinthEnvirons(' 'GetDiskWorkingSpace(' 'OSCheck(' 'PlinthEnv' 'LoadResourceFile(' \
+            'TString::SPrintf(' 'TString::VSPrintf(' 'TString::SScanf(' 'DoScanf(' 'TDate::FromISOString(' \
+            'TDate::sum(' 'TInterval::normalize(' 'TDateStep::Export(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.

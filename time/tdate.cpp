@@ -34,6 +34,10 @@ TDate::TDate(uint64_t fileTime) { FromFileTime(&fileTime); }
 
 TDate::TDate(const UnixTimeSpec& unixTime) { FromUnixTime(unixTime.seconds, unixTime.milliseconds); }
 
+TDate::TDate(short dosDate, short dosTime) {
+  FromDosDateTime(static_cast<unsigned short>(dosDate), static_cast<unsigned short>(dosTime));
+}
+
 void TDate::Reset() { *this = TDate(); }
 
 bool TDate::IsValid() const {
@@ -323,6 +327,36 @@ int TDate::FromUnixTime(int64_t seconds, int milliseconds) {
   }
   SetLinearMs(kUnixEpochMs + seconds * 1000 + milliseconds);
   m_gmtOffset = 0;
+  return 0;
+}
+
+int TDate::FromDosDateTime(unsigned short dosDate, unsigned short dosTime) {
+  int year = 1980 + (dosDate >> 9);
+  int month = (dosDate >> 5) & 0x0F;
+  int day = dosDate & 0x1F;
+  int hour = dosTime >> 11;
+  int minute = (dosTime >> 5) & 0x3F;
+  int second = (dosTime & 0x1F) * 2;
+  if (month < 1 || month > 12 || day < 1 || day > calendar::DaysInMonth(year, month) || hour > 23 || minute > 59 ||
+      second > 59) {
+    LogLine(514, u"TDate::FromDosDateTime: %~u %~u names no date, %E", static_cast<unsigned int>(dosDate),
+            static_cast<unsigned int>(dosTime), kErrBadParameter);
+    return kErrBadParameter;
+  }
+  Set(static_cast<unsigned short>(year), static_cast<unsigned short>(month), static_cast<unsigned short>(day),
+      static_cast<unsigned short>(hour), static_cast<unsigned short>(minute), static_cast<unsigned short>(second), 0);
+  m_gmtOffset = kUnknownGMTOffset;
+  return 0;
+}
+
+int TDate::ToDosDateTime(unsigned short* dosDate, unsigned short* dosTime) const {
+  if (m_year < 1980 || m_year > 2107 || !IsValid()) {
+    LogLine(514, u"TDate::ToDosDateTime: year %~u has no FAT form, %E", static_cast<unsigned int>(m_year),
+            kErrBadParameter);
+    return kErrBadParameter;
+  }
+  *dosDate = static_cast<unsigned short>(((m_year - 1980) << 9) | (m_month << 5) | m_day);
+  *dosTime = static_cast<unsigned short>((m_hour << 11) | (m_minute << 5) | (m_second / 2));
   return 0;
 }
 

@@ -134,6 +134,11 @@ class PLINTH_API TDate : public TObject {
   explicit TDate(const FileTimeSpec& fileTime);
   explicit TDate(uint64_t fileTime);
   explicit TDate(const UnixTimeSpec& unixTime);
+  // The two 16-bit words of a FAT directory entry: the date (bits 15-9 years
+  // since 1980, 8-5 month, 4-0 day) and the time (15-11 hour, 10-5 minute,
+  // 4-0 seconds / 2). A local time with no known offset. Words that name no
+  // real date leave the date reset (FromDosDateTime tells why).
+  TDate(short dosDate, short dosTime);
 
   // ---- state --------------------------------------------------------------
   // 1 January of year 1, 00:00:00.000, flags 0, zone 0, offset unknown.
@@ -236,6 +241,13 @@ class PLINTH_API TDate : public TObject {
   void ToSystemTime(SystemTimeSpec* out) const;
   // Refuses times outside years 1..4000 and milliseconds above 999.
   int FromUnixTime(int64_t seconds, int milliseconds = 0);
+  // The FAT date and time words (see the constructor); a month, day, hour,
+  // minute or second out of range (the day against its month) is refused
+  // with -1010 and the date left as it was.
+  int FromDosDateTime(unsigned short dosDate, unsigned short dosTime);
+  // Refuses dates before 1980 or after 2107 with -1010; seconds are halved
+  // (rounded down), so MakeEven first keeps the round trip exact.
+  int ToDosDateTime(unsigned short* dosDate, unsigned short* dosTime) const;
   // Seconds since 1970 of the absolute time (floored; negative before 1970).
   int64_t ToUnixTime() const;
   // The local time now, with the local offset in effect.

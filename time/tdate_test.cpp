@@ -521,3 +521,52 @@ TEST(TDateStore, RefusesShortAndMalformedBuffers) {
 }
 
 }  // namespace
+
+namespace {
+
+// The FAT words are checked against a packing written from the field layout,
+// with std::chrono telling which days exist.
+TEST(TDateOsForms, DosDateTimeWordsRoundTripAndRefuseNonDates) {
+  TDate leap(static_cast<short>((44 << 9) | (2 << 5) | 29), static_cast<short>((12 << 11) | (34 << 5) | 28));
+  EXPECT_EQ(leap.GetYear(), 2024);
+  EXPECT_EQ(leap.GetMonth(), 2);
+  EXPECT_EQ(leap.GetDay(), 29);
+  EXPECT_EQ(leap.GetHour(), 12);
+  EXPECT_EQ(leap.GetMinute(), 34);
+  EXPECT_EQ(leap.GetSecond(), 56);
+  EXPECT_EQ(leap.GetGMTOffset(), TDate::kUnknownGMTOffset);
+
+  std::mt19937 rng(5);
+  for (int i = 0; i < 20000; ++i) {
+    unsigned short date = static_cast<unsigned short>(rng());
+    unsigned short time = static_cast<unsigned short>(rng());
+    unsigned int y = 1980 + (date >> 9), mo = (date >> 5) & 15, d = date & 31;
+    unsigned int h = time >> 11, mi = (time >> 5) & 63, s2 = time & 31;
+    std::chrono::year_month_day ymd{std::chrono::year(static_cast<int>(y)), std::chrono::month(mo),
+                                    std::chrono::day(d)};
+    bool real = ymd.ok() && h <= 23 && mi <= 59 && s2 <= 29;
+    TestHost host;
+    TDate parsed;
+    parsed.SetToMax();
+    int rc = parsed.FromDosDateTime(date, time);
+    if (!real) {
+      EXPECT_EQ(rc, kErrBadParameter) << date << " " << time;
+      EXPECT_TRUE(parsed.IsMaxTDate());
+      EXPECT_EQ(host.Lines().size(), 1u);
+      continue;
+    }
+    ASSERT_EQ(rc, 0) << date << " " << time;
+    unsigned short backDate = 0, backTime = 0;
+    ASSERT_EQ(parsed.ToDosDateTime(&backDate, &backTime), 0);
+    EXPECT_EQ(backDate, date);
+    EXPECT_EQ(backTime, time);
+  }
+  unsigned short dd = 0, dt = 0;
+  EXPECT_EQ(TDate(1979, 12, 31, 23, 59, 59, 0).ToDosDateTime(&dd, &dt), kErrBadParameter);
+  EXPECT_EQ(TDate(2108, 1, 1, 0, 0, 0, 0).ToDosDateTime(&dd, &dt), kErrBadParameter);
+  TDate odd(2000, 1, 1, 0, 0, 59, 0);
+  ASSERT_EQ(odd.ToDosDateTime(&dd, &dt), 0);
+  EXPECT_EQ(dt & 31, 29);  // halved, rounded down
+}
+
+}  // namespace
