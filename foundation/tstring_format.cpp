@@ -102,11 +102,11 @@ void PutSigned(OutBuffer* out, int64_t v) {
   PutUnsigned(out, v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v));
 }
 
-void Pad(OutBuffer* out, const ConversionSpec& spec, int start) {
+void Pad(OutBuffer* out, const ConversionSpec& conv, int start) {
   int written = out->Length() - start;
-  if (written >= spec.width) return;
-  int pad = spec.width - written;
-  if (spec.left) {
+  if (written >= conv.width) return;
+  int pad = conv.width - written;
+  if (conv.left) {
     out->Fill(u' ', pad);
     return;
   }
@@ -114,15 +114,15 @@ void Pad(OutBuffer* out, const ConversionSpec& spec, int start) {
   out->Fill(u' ', pad);
   char16_t* d = out->Data();
   int end = out->Length();
-  if (end - start < spec.width) return;  // cut at the output limit
+  if (end - start < conv.width) return;  // cut at the output limit
   std::memmove(d + start + pad, d + start, sizeof(char16_t) * static_cast<size_t>(written));
   for (int i = 0; i < pad; ++i) d[start + i] = u' ';
 }
 
-void PutNumber(OutBuffer* out, const ConversionSpec& spec, bool negative, const char16_t* digits, int n,
+void PutNumber(OutBuffer* out, const ConversionSpec& conv, bool negative, const char16_t* digits, int n,
                int groupEvery, const char16_t* fraction, int fractionUnits) {
   const platform::LocaleSeparatorsSpec& seps = platform::LocaleSeparators();
-  const char16_t* sign = negative ? (spec.tilde ? u"-" : seps.negative) : u"";
+  const char16_t* sign = negative ? (conv.tilde ? u"-" : seps.negative) : u"";
   int signUnits = Units(sign);
   const char16_t* group = seps.thousands;
   int groupUnits = groupEvery > 0 ? Units(group) : 0;
@@ -130,7 +130,7 @@ void PutNumber(OutBuffer* out, const ConversionSpec& spec, bool negative, const 
   int body = signUnits + n + separators * groupUnits;
   if (fraction != nullptr) body += Units(seps.decimal) + fractionUnits;
   int zeros = 0;
-  if (spec.zero && !spec.left && spec.width > body) zeros = spec.width - body;
+  if (conv.zero && !conv.left && conv.width > body) zeros = conv.width - body;
   int start = out->Length();
   out->Put(sign, signUnits);
   out->Fill(u'0', zeros);
@@ -142,7 +142,7 @@ void PutNumber(OutBuffer* out, const ConversionSpec& spec, bool negative, const 
     out->Put(seps.decimal, Units(seps.decimal));
     out->Put(fraction, fractionUnits);
   }
-  Pad(out, spec, start);
+  Pad(out, conv, start);
 }
 
 }  // namespace format_internal
@@ -201,8 +201,8 @@ class Formatter {
   }
 
  private:
-  bool Parse(const char16_t* f, int n, int* i, ConversionSpec* spec);
-  void Convert(const ConversionSpec& spec);
+  bool Parse(const char16_t* f, int n, int* i, ConversionSpec* conv);
+  void Convert(const ConversionSpec& conv);
   // Records the field written since `start`; its raw form is then put into
   // m_raw by the caller (RawSigned ... or directly) before the next record.
   bool AddRecord(char16_t kind, int start);
@@ -216,29 +216,29 @@ class Formatter {
     }
   }
 
-  int64_t TakeSigned(const ConversionSpec& spec) {
-    uint64_t w = m_args->Take(spec.wide ? FormatArgKind::kLong : FormatArgKind::kInt);
-    return spec.wide ? static_cast<int64_t>(w) : static_cast<int32_t>(w);
+  int64_t TakeSigned(const ConversionSpec& conv) {
+    uint64_t w = m_args->Take(conv.wide ? FormatArgKind::kLong : FormatArgKind::kInt);
+    return conv.wide ? static_cast<int64_t>(w) : static_cast<int32_t>(w);
   }
-  uint64_t TakeUnsigned(const ConversionSpec& spec) {
-    uint64_t w = m_args->Take(spec.wide ? FormatArgKind::kLong : FormatArgKind::kInt);
-    return spec.wide ? w : static_cast<uint32_t>(w);
+  uint64_t TakeUnsigned(const ConversionSpec& conv) {
+    uint64_t w = m_args->Take(conv.wide ? FormatArgKind::kLong : FormatArgKind::kInt);
+    return conv.wide ? w : static_cast<uint32_t>(w);
   }
   const void* TakePointer() {
     return reinterpret_cast<const void*>(static_cast<uintptr_t>(m_args->Take(FormatArgKind::kPointer)));
   }
 
-  void Integer(const ConversionSpec& spec, bool negative, uint64_t magnitude, bool grouped);
-  void Hex(const ConversionSpec& spec, uint64_t v);
-  void Percent(const ConversionSpec& spec);
-  void Fixed(const ConversionSpec& spec);
-  void Dump(const ConversionSpec& spec);
-  void Error(const ConversionSpec& spec);
-  void Size(const ConversionSpec& spec);
-  void Address(const ConversionSpec& spec);
-  void Text(const ConversionSpec& spec);
-  void Character(const ConversionSpec& spec);
-  void Boolean(const ConversionSpec& spec);
+  void Integer(const ConversionSpec& conv, bool negative, uint64_t magnitude, bool grouped);
+  void Hex(const ConversionSpec& conv, uint64_t v);
+  void Percent(const ConversionSpec& conv);
+  void Fixed(const ConversionSpec& conv);
+  void Dump(const ConversionSpec& conv);
+  void Error(const ConversionSpec& conv);
+  void Size(const ConversionSpec& conv);
+  void Address(const ConversionSpec& conv);
+  void Text(const ConversionSpec& conv);
+  void Character(const ConversionSpec& conv);
+  void Boolean(const ConversionSpec& conv);
 
   FormatArgSource* m_args;
   int m_nesting;
@@ -269,7 +269,7 @@ bool Formatter::AddRecord(char16_t kind, int start) {
 
 // Reads the conversion after the '%' at f[*i - 1]; false (and *i unchanged)
 // when the format ends before the conversion character.
-bool Formatter::Parse(const char16_t* f, int n, int* at, ConversionSpec* spec) {
+bool Formatter::Parse(const char16_t* f, int n, int* at, ConversionSpec* conv) {
   int i = *at;
   auto number = [&](int* value) {
     int64_t v = 0;
@@ -279,36 +279,36 @@ bool Formatter::Parse(const char16_t* f, int n, int* at, ConversionSpec* spec) {
     }
     *value = static_cast<int>(v);
   };
-  if (i < n && f[i] == u'-') { spec->left = true; ++i; }
-  if (i < n && f[i] == u'0') { spec->zero = true; ++i; }
+  if (i < n && f[i] == u'-') { conv->left = true; ++i; }
+  if (i < n && f[i] == u'0') { conv->zero = true; ++i; }
   // Flags in the other order, as C allows.
-  while (i < n && (f[i] == u'-' || f[i] == u'0')) (f[i++] == u'-' ? spec->left : spec->zero) = true;
+  while (i < n && (f[i] == u'-' || f[i] == u'0')) (f[i++] == u'-' ? conv->left : conv->zero) = true;
   if (i < n && f[i] == u'*') {
     ++i;
     int64_t w = static_cast<int32_t>(m_args->Take(FormatArgKind::kInt));
     if (w < 0) {
-      spec->left = true;
+      conv->left = true;
       w = -w;
     }
-    spec->width = static_cast<int>(w > kFormatMaxField ? kFormatMaxField : w);
+    conv->width = static_cast<int>(w > kFormatMaxField ? kFormatMaxField : w);
   } else {
-    number(&spec->width);
+    number(&conv->width);
   }
   if (i < n && f[i] == u'.') {
     ++i;
     if (i < n && f[i] == u'*') {
       ++i;
       int64_t p = static_cast<int32_t>(m_args->Take(FormatArgKind::kInt));
-      spec->precision = p < 0 ? -1 : static_cast<int>(p > kFormatMaxField ? kFormatMaxField : p);
+      conv->precision = p < 0 ? -1 : static_cast<int>(p > kFormatMaxField ? kFormatMaxField : p);
     } else {
-      number(&spec->precision);
+      number(&conv->precision);
     }
   }
-  if (i < n && f[i] == u'~') { spec->tilde = true; ++i; }
-  if (i < n && f[i] == u';') { spec->semicolon = true; ++i; }
-  if (i < n && (f[i] == u'l' || f[i] == u'L')) { spec->wide = true; ++i; }
+  if (i < n && f[i] == u'~') { conv->tilde = true; ++i; }
+  if (i < n && f[i] == u';') { conv->semicolon = true; ++i; }
+  if (i < n && (f[i] == u'l' || f[i] == u'L')) { conv->wide = true; ++i; }
   if (i >= n) return false;
-  spec->conversion = f[i++];
+  conv->conversion = f[i++];
   *at = i;
   return true;
 }
@@ -322,59 +322,59 @@ void Formatter::Run(const char16_t* f, int n) {
     m_out.Put(f + literal, i - literal);
     if (i >= n) break;
     int percent = i++;
-    ConversionSpec spec;
-    if (!Parse(f, n, &i, &spec)) {
+    ConversionSpec conv;
+    if (!Parse(f, n, &i, &conv)) {
       m_out.Put(f + percent, n - percent);  // unterminated: copied as it stands
       break;
     }
-    if (!format_internal::IsConversion(spec.conversion)) {
+    if (!format_internal::IsConversion(conv.conversion)) {
       m_out.Put(f + percent, i - percent);
       continue;
     }
-    Convert(spec);
+    Convert(conv);
   }
 }
 
-void Formatter::Convert(const ConversionSpec& spec) {
+void Formatter::Convert(const ConversionSpec& conv) {
   int start = m_out.Length();
-  switch (spec.conversion) {
+  switch (conv.conversion) {
     case u'%': case u'^': case u'{': case u'}':
-      m_out.Put(spec.conversion);
+      m_out.Put(conv.conversion);
       return;
     case u'd': case u'i': {
-      int64_t v = TakeSigned(spec);
+      int64_t v = TakeSigned(conv);
       uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-      Integer(spec, v < 0, magnitude, !spec.tilde);
-      if (AddRecord(spec.conversion, start)) RawSigned(v);
+      Integer(conv, v < 0, magnitude, !conv.tilde);
+      if (AddRecord(conv.conversion, start)) RawSigned(v);
       return;
     }
     case u'u': {
-      uint64_t v = TakeUnsigned(spec);
-      Integer(spec, false, v, !spec.tilde);
-      if (AddRecord(spec.conversion, start)) RawUnsigned(v);
+      uint64_t v = TakeUnsigned(conv);
+      Integer(conv, false, v, !conv.tilde);
+      if (AddRecord(conv.conversion, start)) RawUnsigned(v);
       return;
     }
     case u'x': case u'X': {
-      uint64_t v = TakeUnsigned(spec);
-      Hex(spec, v);
-      if (AddRecord(spec.conversion, start)) RawUnsigned(v);
+      uint64_t v = TakeUnsigned(conv);
+      Hex(conv, v);
+      if (AddRecord(conv.conversion, start)) RawUnsigned(v);
       return;
     }
-    case u'#': Percent(spec); return;
-    case u'F': Fixed(spec); return;
-    case u'$': Dump(spec); return;
-    case u'E': Error(spec); return;
-    case u'K': case u'k': Size(spec); return;
-    case u'p': Address(spec); return;
-    case u's': case u'S': Text(spec); return;
-    case u'c': case u'C': Character(spec); return;
-    case u'Y': case u'y': Boolean(spec); return;
+    case u'#': Percent(conv); return;
+    case u'F': Fixed(conv); return;
+    case u'$': Dump(conv); return;
+    case u'E': Error(conv); return;
+    case u'K': case u'k': Size(conv); return;
+    case u'p': Address(conv); return;
+    case u's': case u'S': Text(conv); return;
+    case u'c': case u'C': Character(conv); return;
+    case u'Y': case u'y': Boolean(conv); return;
     case u'D': case u'T': case u'I': {
       const void* p = TakePointer();
       TString raw;
-      format_internal::FormatTimeValue(spec, p, &m_out, &raw);
-      Pad(&m_out, spec, start);
-      if (AddRecord(spec.conversion, start)) Raw(raw.GetConstBuffer(), raw.GetLength());
+      format_internal::FormatTimeValue(conv, p, &m_out, &raw);
+      Pad(&m_out, conv, start);
+      if (AddRecord(conv.conversion, start)) Raw(raw.GetConstBuffer(), raw.GetLength());
       return;
     }
     default:
@@ -382,58 +382,58 @@ void Formatter::Convert(const ConversionSpec& spec) {
   }
 }
 
-void Formatter::Integer(const ConversionSpec& spec, bool negative, uint64_t magnitude, bool grouped) {
-  if (!grouped && spec.width == 0 && spec.precision < 0) {  // "%~d", the log lines' form
+void Formatter::Integer(const ConversionSpec& conv, bool negative, uint64_t magnitude, bool grouped) {
+  if (!grouped && conv.width == 0 && conv.precision < 0) {  // "%~d", the log lines' form
     if (negative) m_out.Put(u'-');
     PutUnsigned(&m_out, magnitude);
     return;
   }
   char16_t digits[24];
   int n = DecimalDigits(magnitude, digits);
-  if (spec.precision == 0 && magnitude == 0) n = 0;
-  ConversionSpec s = spec;
-  if (spec.precision > n) {
+  if (conv.precision == 0 && magnitude == 0) n = 0;
+  ConversionSpec s = conv;
+  if (conv.precision > n) {
     // Minimum digits, as C; the leading zeros are grouped with the rest.
     format_internal::OutBuffer padded;
-    padded.Fill(u'0', spec.precision - n);
+    padded.Fill(u'0', conv.precision - n);
     padded.Put(digits, n);
     s.zero = false;
     PutNumber(&m_out, s, negative, padded.Data(), padded.Length(), grouped ? 3 : 0, nullptr, 0);
     return;
   }
-  if (spec.precision >= 0) s.zero = false;
+  if (conv.precision >= 0) s.zero = false;
   PutNumber(&m_out, s, negative, digits, n, grouped ? 3 : 0, nullptr, 0);
 }
 
-void Formatter::Hex(const ConversionSpec& spec, uint64_t v) {
-  const char16_t* table = spec.conversion == u'X' ? kHexUpper : kHexLower;
+void Formatter::Hex(const ConversionSpec& conv, uint64_t v) {
+  const char16_t* table = conv.conversion == u'X' ? kHexUpper : kHexLower;
   char16_t rev[16];
   int n = 0;
   do {
     rev[n++] = table[v & 15];
     v >>= 4;
   } while (v != 0);
-  if (spec.precision == 0 && n == 1 && rev[0] == u'0') n = 0;
-  ConversionSpec s = spec;
-  if (spec.precision >= 0) s.zero = false;
+  if (conv.precision == 0 && n == 1 && rev[0] == u'0') n = 0;
+  ConversionSpec s = conv;
+  if (conv.precision >= 0) s.zero = false;
   int start = m_out.Length();
-  int lead = spec.precision > n ? spec.precision - n : 0;
+  int lead = conv.precision > n ? conv.precision - n : 0;
   if (s.zero && !s.left && s.width > n) lead = s.width - n;
   m_out.Fill(u'0', lead);
   while (n > 0) m_out.Put(rev[--n]);
   Pad(&m_out, s, start);
 }
 
-void Formatter::Percent(const ConversionSpec& spec) {
+void Formatter::Percent(const ConversionSpec& conv) {
   int start = m_out.Length();
-  int64_t part = TakeSigned(spec);
-  int64_t whole = TakeSigned(spec);
-  int64_t limit = spec.wide ? INT64_MAX / 100 : 21474836;
+  int64_t part = TakeSigned(conv);
+  int64_t whole = TakeSigned(conv);
+  int64_t limit = conv.wide ? INT64_MAX / 100 : 21474836;
   if (part >= limit) {
     part /= 100;
     whole /= 100;
   }
-  int decimals = spec.precision < 0 ? 0 : spec.precision;
+  int decimals = conv.precision < 0 ? 0 : conv.precision;
   bool negative = false;
   unsigned __int128 quotient = 100;
   unsigned __int128 remainder = 0;
@@ -467,7 +467,7 @@ void Formatter::Percent(const ConversionSpec& spec) {
   bool allZero = quotient == 0;
   for (int k = 0; k < fraction.Length() && allZero; ++k) allZero = fraction.Data()[k] == u'0';
   if (allZero) negative = false;
-  PutNumber(&m_out, spec, negative, digits, n, spec.tilde ? 0 : 3, decimals > 0 ? fraction.Data() : nullptr,
+  PutNumber(&m_out, conv, negative, digits, n, conv.tilde ? 0 : 3, decimals > 0 ? fraction.Data() : nullptr,
             fraction.Length());
   if (!AddRecord(u'#', start)) return;
   if (negative) m_raw.Put(u'-');
@@ -479,11 +479,11 @@ void Formatter::Percent(const ConversionSpec& spec) {
   CloseRaw();
 }
 
-void Formatter::Fixed(const ConversionSpec& spec) {
+void Formatter::Fixed(const ConversionSpec& conv) {
   int start = m_out.Length();
-  int64_t v = TakeSigned(spec);
+  int64_t v = TakeSigned(conv);
   uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-  int decimals = spec.precision < 0 ? 0 : spec.precision;
+  int decimals = conv.precision < 0 ? 0 : conv.precision;
   char16_t digits[24];
   int n = DecimalDigits(magnitude, digits);
   format_internal::OutBuffer all;
@@ -491,19 +491,19 @@ void Formatter::Fixed(const ConversionSpec& spec) {
   if (n <= decimals) all.Fill(u'0', decimals - n + 1);
   all.Put(digits, n);
   int whole = all.Length() - decimals;
-  PutNumber(&m_out, spec, v < 0, all.Data(), whole, spec.tilde ? 0 : 3, decimals > 0 ? all.Data() + whole : nullptr,
+  PutNumber(&m_out, conv, v < 0, all.Data(), whole, conv.tilde ? 0 : 3, decimals > 0 ? all.Data() + whole : nullptr,
             decimals);
   if (AddRecord(u'F', start)) RawSigned(v);
 }
 
-void Formatter::Dump(const ConversionSpec& spec) {
+void Formatter::Dump(const ConversionSpec& conv) {
   int start = m_out.Length();
   const auto* bytes = static_cast<const uint8_t*>(TakePointer());
-  int count = spec.width > kMaxDumpBytes ? kMaxDumpBytes : spec.width;
+  int count = conv.width > kMaxDumpBytes ? kMaxDumpBytes : conv.width;
   if (bytes == nullptr) count = 0;
-  const char16_t* table = spec.tilde ? kHexUpper : kHexLower;
+  const char16_t* table = conv.tilde ? kHexUpper : kHexLower;
   int limit = count > 0 ? count * 3 - 1 : 0;
-  if (spec.precision >= 0 && spec.precision < limit) limit = spec.precision;
+  if (conv.precision >= 0 && conv.precision < limit) limit = conv.precision;
   for (int b = 0; b < count; ++b) {
     char16_t three[3] = {table[bytes[b] >> 4], table[bytes[b] & 15], u' '};
     int at = b * 3;
@@ -518,9 +518,9 @@ void Formatter::Dump(const ConversionSpec& spec) {
   CloseRaw();
 }
 
-void Formatter::Error(const ConversionSpec& spec) {
+void Formatter::Error(const ConversionSpec& conv) {
   int start = m_out.Length();
-  int code = static_cast<int>(TakeSigned(spec));
+  int code = static_cast<int>(TakeSigned(conv));
   TString text;
   GetErrorText(code, &text);
   // Blanks at both ends go.
@@ -533,7 +533,7 @@ void Formatter::Error(const ConversionSpec& spec) {
     TString stripped(units + first, last - first);
     text = std::move(stripped);
   }
-  if (spec.tilde || m_nesting >= kMaxNesting) {
+  if (conv.tilde || m_nesting >= kMaxNesting) {
     m_out.Put(text.GetConstBuffer(), text.GetLength());
   } else {
     TString format;
@@ -547,13 +547,13 @@ void Formatter::Error(const ConversionSpec& spec) {
     Formatter nested(&source, m_nesting + 1, &m_out);
     nested.Run(format.GetConstBuffer(), format.GetLength());
   }
-  Pad(&m_out, spec, start);
+  Pad(&m_out, conv, start);
   if (AddRecord(u'E', start)) RawSigned(code);
 }
 
-void Formatter::Size(const ConversionSpec& spec) {
+void Formatter::Size(const ConversionSpec& conv) {
   int start = m_out.Length();
-  uint64_t v = TakeUnsigned(spec);
+  uint64_t v = TakeUnsigned(conv);
   uint64_t given = v;
   static constexpr char16_t kLetters[] = u"KMGTPEZYkmgtpezy";
   TString letters;
@@ -561,7 +561,7 @@ void Formatter::Size(const ConversionSpec& spec) {
   auto letter = [&](int index) {
     return index < letters.GetLength() ? letters.GetAt(index) : kLetters[index < 16 ? index : 15];
   };
-  int first = spec.conversion == u'k' ? 8 : 0;
+  int first = conv.conversion == u'k' ? 8 : 0;
   if (v == 0) {
     TString zero;
     if (!LoadResourceText(16000, ResKey("Zero"), &zero)) zero = u"0";
@@ -579,23 +579,23 @@ void Formatter::Size(const ConversionSpec& spec) {
     }
     uint64_t tenths = static_cast<uint64_t>((static_cast<unsigned __int128>(v) * 10 + 512) / 1024);
     ConversionSpec fixed;
-    fixed.tilde = spec.tilde;
+    fixed.tilde = conv.tilde;
     char16_t digits[24];
     int n = DecimalDigits(tenths, digits);
     char16_t all[25];
     int m = 0;
     if (n < 2) all[m++] = u'0';
     for (int k = 0; k < n; ++k) all[m++] = digits[k];
-    PutNumber(&m_out, fixed, false, all, m - 1, spec.tilde ? 0 : 3, all + m - 1, 1);
+    PutNumber(&m_out, fixed, false, all, m - 1, conv.tilde ? 0 : 3, all + m - 1, 1);
     m_out.Put(u' ');
     int index = first + units;
     m_out.Put(letter(index < first + 8 ? index : first + 7));
   }
-  Pad(&m_out, spec, start);
-  if (AddRecord(spec.conversion, start)) RawUnsigned(given);
+  Pad(&m_out, conv, start);
+  if (AddRecord(conv.conversion, start)) RawUnsigned(given);
 }
 
-void Formatter::Address(const ConversionSpec& spec) {
+void Formatter::Address(const ConversionSpec& conv) {
   int start = m_out.Length();
   const auto* bytes = static_cast<const uint8_t*>(TakePointer());
   if (bytes != nullptr) {
@@ -605,7 +605,7 @@ void Formatter::Address(const ConversionSpec& spec) {
     }
   }
   int shown = m_out.Length() - start;
-  Pad(&m_out, spec, start);
+  Pad(&m_out, conv, start);
   if (!AddRecord(u'p', start)) return;
   // The dotted text without the padding.
   const char16_t* field = m_out.Data() + start;
@@ -614,15 +614,15 @@ void Formatter::Address(const ConversionSpec& spec) {
   Raw(field + first, shown);
 }
 
-void Formatter::Text(const ConversionSpec& spec) {
+void Formatter::Text(const ConversionSpec& conv) {
   int start = m_out.Length();
   const auto* s = static_cast<const TString*>(TakePointer());
-  int precision = spec.precision;
-  if (precision < 0 && spec.conversion == u'S') precision = 31;
+  int precision = conv.precision;
+  if (precision < 0 && conv.conversion == u'S') precision = 31;
   if (s == nullptr) {
     m_out.Put(u"nil", 3);
-    Pad(&m_out, spec, start);
-    if (AddRecord(spec.conversion, start)) CloseRaw();
+    Pad(&m_out, conv, start);
+    if (AddRecord(conv.conversion, start)) CloseRaw();
     return;
   }
   int n = s->GetLength();
@@ -633,13 +633,13 @@ void Formatter::Text(const ConversionSpec& spec) {
     if (n > 0 && units[n - 1] >= 0xD800 && units[n - 1] <= 0xDBFF && units[n] >= 0xDC00 && units[n] <= 0xDFFF) --n;
   }
   m_out.Put(units, n);
-  Pad(&m_out, spec, start);
-  if (AddRecord(spec.conversion, start)) Raw(units, s->GetLength());
+  Pad(&m_out, conv, start);
+  if (AddRecord(conv.conversion, start)) Raw(units, s->GetLength());
 }
 
-void Formatter::Character(const ConversionSpec& spec) {
+void Formatter::Character(const ConversionSpec& conv) {
   int start = m_out.Length();
-  uint32_t cp = static_cast<uint32_t>(TakeUnsigned(spec));
+  uint32_t cp = static_cast<uint32_t>(TakeUnsigned(conv));
   // A lone surrogate unit is kept as it is (TString keeps them); a code
   // point beyond Unicode becomes U+FFFD.
   if (cp > 0x10FFFF) cp = 0xFFFD;
@@ -653,22 +653,22 @@ void Formatter::Character(const ConversionSpec& spec) {
     units[0] = static_cast<char16_t>(cp);
   }
   m_out.Put(units, n);
-  Pad(&m_out, spec, start);
-  if (AddRecord(spec.conversion, start)) Raw(units, n);
+  Pad(&m_out, conv, start);
+  if (AddRecord(conv.conversion, start)) Raw(units, n);
 }
 
-void Formatter::Boolean(const ConversionSpec& spec) {
+void Formatter::Boolean(const ConversionSpec& conv) {
   int start = m_out.Length();
-  bool yes = TakeUnsigned(spec) != 0;
-  if (spec.conversion == u'Y') {
+  bool yes = TakeUnsigned(conv) != 0;
+  if (conv.conversion == u'Y') {
     TString text;
     if (!LoadResourceText(16000, yes ? ResKey("Yes_") : ResKey("No__"), &text)) text = yes ? u"Yes" : u"No";
     m_out.Put(text.GetConstBuffer(), text.GetLength());
   } else {
     m_out.PutAscii(yes ? "true" : "false");
   }
-  Pad(&m_out, spec, start);
-  if (AddRecord(spec.conversion, start)) Raw(yes ? u"1" : u"0", 1);
+  Pad(&m_out, conv, start);
+  if (AddRecord(conv.conversion, start)) Raw(yes ? u"1" : u"0", 1);
 }
 
 }  // namespace

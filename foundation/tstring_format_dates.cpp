@@ -78,9 +78,9 @@ void DateRaw(const TDate& d, OutBuffer* raw) {
   PutPadded(raw, offset % 60, 2);
 }
 
-void PutDate(OutBuffer* out, const TDate& d, const ConversionSpec& spec) {
+void PutDate(OutBuffer* out, const TDate& d, const ConversionSpec& conv) {
   const platform::LocaleSeparatorsSpec& seps = platform::LocaleSeparators();
-  int form = spec.precision < 0 ? 0 : spec.precision;
+  int form = conv.precision < 0 ? 0 : conv.precision;
   if (form == 2) {
     PutPadded(out, d.GetYear(), 4);
     out->Put(u'-');
@@ -89,7 +89,7 @@ void PutDate(OutBuffer* out, const TDate& d, const ConversionSpec& spec) {
     PutPadded(out, d.GetDay(), 2);
     return;
   }
-  int small = spec.zero ? 2 : 1;
+  int small = conv.zero ? 2 : 1;
   for (int i = 0; i < 3; ++i) {
     if (i > 0) PutText(out, seps.date);
     switch (seps.dateOrder[i]) {
@@ -100,10 +100,10 @@ void PutDate(OutBuffer* out, const TDate& d, const ConversionSpec& spec) {
   }
 }
 
-void PutTime(OutBuffer* out, const TDate& d, const ConversionSpec& spec) {
+void PutTime(OutBuffer* out, const TDate& d, const ConversionSpec& conv) {
   const platform::LocaleSeparatorsSpec& seps = platform::LocaleSeparators();
-  int form = spec.precision < 0 ? 0 : spec.precision;
-  PutPadded(out, d.GetHour(), spec.zero ? 2 : 1);
+  int form = conv.precision < 0 ? 0 : conv.precision;
+  PutPadded(out, d.GetHour(), conv.zero ? 2 : 1);
   PutText(out, seps.time);
   PutPadded(out, d.GetMinute(), 2);
   if (form == 1) return;
@@ -116,7 +116,7 @@ void PutTime(OutBuffer* out, const TDate& d, const ConversionSpec& spec) {
 
 int64_t Magnitude(int v) { return v < 0 ? -static_cast<int64_t>(v) : v; }
 
-void PutInterval(OutBuffer* out, const TInterval& iv, const ConversionSpec& spec, OutBuffer* raw) {
+void PutInterval(OutBuffer* out, const TInterval& iv, const ConversionSpec& conv, OutBuffer* raw) {
   const platform::LocaleSeparatorsSpec& seps = platform::LocaleSeparators();
   bool negative = iv.IsNegative();
   int64_t days = Magnitude(iv.GetDays());
@@ -124,8 +124,8 @@ void PutInterval(OutBuffer* out, const TInterval& iv, const ConversionSpec& spec
   int64_t minutes = Magnitude(iv.GetMinutes());
   int64_t seconds = Magnitude(iv.GetSeconds());
   int64_t ms = Magnitude(iv.GetMilliseconds());
-  if (negative) PutText(out, spec.tilde ? u"-" : seps.negative);
-  int form = spec.precision < 0 ? 0 : spec.precision;
+  if (negative) PutText(out, conv.tilde ? u"-" : seps.negative);
+  int form = conv.precision < 0 ? 0 : conv.precision;
   if (days != 0) {
     PutPadded(out, days, 1);
     out->Put(u' ');
@@ -145,7 +145,7 @@ void PutInterval(OutBuffer* out, const TInterval& iv, const ConversionSpec& spec
     PutText(out, seps.time);
     PutPadded(out, seconds, 2);
   }
-  if (spec.tilde) {
+  if (conv.tilde) {
     PutText(out, seps.decimal);
     PutPadded(out, ms, 3);
   }
@@ -163,10 +163,10 @@ void PutInterval(OutBuffer* out, const TInterval& iv, const ConversionSpec& spec
 
 }  // namespace
 
-void FormatTimeValue(const ConversionSpec& spec, const void* value, OutBuffer* out, TString* raw) {
+void FormatTimeValue(const ConversionSpec& conv, const void* value, OutBuffer* out, TString* raw) {
   OutBuffer rawText;
-  if (spec.conversion == u'I') {
-    if (value != nullptr) PutInterval(out, *static_cast<const TInterval*>(value), spec, &rawText);
+  if (conv.conversion == u'I') {
+    if (value != nullptr) PutInterval(out, *static_cast<const TInterval*>(value), conv, &rawText);
     raw->Assign(rawText.Data(), rawText.Length());
     return;
   }
@@ -177,18 +177,18 @@ void FormatTimeValue(const ConversionSpec& spec, const void* value, OutBuffer* o
   const TDate& d = *static_cast<const TDate*>(value);
   DateRaw(d, &rawText);
   raw->Assign(rawText.Data(), rawText.Length());
-  if (spec.conversion == u'T') {
-    PutTime(out, d, spec);
+  if (conv.conversion == u'T') {
+    PutTime(out, d, conv);
     return;
   }
-  if (spec.tilde && d.IsDefault()) {
+  if (conv.tilde && d.IsDefault()) {
     TString never;
     if (!LoadResourceText(16000, ResKey("Nevr"), &never)) never = u"Never";
     out->Put(never.GetConstBuffer(), never.GetLength());
     return;
   }
-  PutDate(out, d, spec);
-  if (spec.tilde) {
+  PutDate(out, d, conv);
+  if (conv.tilde) {
     out->Put(u' ');
     ConversionSpec time;
     PutTime(out, d, time);

@@ -52,13 +52,13 @@ class OutBuffer {
 int Units(const char16_t* text);
 void PutUnsigned(OutBuffer* out, uint64_t v);
 void PutSigned(OutBuffer* out, int64_t v);
-// Pads the field that starts at `start` with blanks to the spec's width.
-void Pad(OutBuffer* out, const ConversionSpec& spec, int start);
+// Pads the field that starts at `start` with blanks to the conversion's width.
+void Pad(OutBuffer* out, const ConversionSpec& conv, int start);
 // Writes a number: the sign (locale's, or "-" with "~"), zero padding when
-// the spec asks for it, the `n` integer digits grouped every `groupEvery`
+// the conversion asks for it, the `n` integer digits grouped every `groupEvery`
 // (0: never) with the locale's thousands separator, then the locale's
 // decimal separator and `fraction` when it is given; padded to the width.
-void PutNumber(OutBuffer* out, const ConversionSpec& spec, bool negative, const char16_t* digits, int n,
+void PutNumber(OutBuffer* out, const ConversionSpec& conv, bool negative, const char16_t* digits, int n,
                int groupEvery, const char16_t* fraction, int fractionUnits);
 
 // True for the conversion characters of the table.
@@ -66,7 +66,7 @@ bool IsConversion(char16_t c);
 
 // D, T and I: writes the display of the TDate or TInterval at `value` (may
 // be null) and sets `raw`.
-void FormatTimeValue(const ConversionSpec& spec, const void* value, OutBuffer* out, TString* raw);
+void FormatTimeValue(const ConversionSpec& conv, const void* value, OutBuffer* out, TString* raw);
 
 }  // namespace format_internal
 

@@ -34,10 +34,10 @@ const LocaleSeparatorsSpec& LocaleSeparators();
 // environment names), with the fallbacks above.
 LocaleSeparatorsSpec ReadLocaleSeparators(const char* name);
 
-// Test seam: from now on LocaleSeparators() gives a copy of `*spec`; null
+// Test seam: from now on LocaleSeparators() gives a copy of `*seps`; null
 // goes back to the user's locale. Not to be called while other threads
 // format.
-void SetLocaleSeparatorsForTesting(const LocaleSeparatorsSpec* spec);
+void SetLocaleSeparatorsForTesting(const LocaleSeparatorsSpec* seps);
 
 }  // namespace platform
 

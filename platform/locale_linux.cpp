@@ -101,17 +101,17 @@ LocaleSeparatorsSpec g_override;
 }  // namespace
 
 LocaleSeparatorsSpec ReadLocaleSeparators(const char* name) {
-  LocaleSeparatorsSpec spec;
+  LocaleSeparatorsSpec seps;
   locale_t loc = newlocale(LC_ALL_MASK, name != nullptr ? name : "", static_cast<locale_t>(0));
-  if (loc == static_cast<locale_t>(0)) return spec;
+  if (loc == static_cast<locale_t>(0)) return seps;
   // Store leaves the fallback in place when the locale gives nothing usable.
-  Store(nl_langinfo_l(RADIXCHAR, loc), spec.decimal);
-  Store(nl_langinfo_l(THOUSEP, loc), spec.thousands);
-  Store(nl_langinfo_l(NEGATIVE_SIGN, loc), spec.negative);
-  TimeSeparatorOf(nl_langinfo_l(T_FMT, loc), spec.time);
-  DateFormOf(nl_langinfo_l(D_FMT, loc), spec.dateOrder, spec.date);
+  Store(nl_langinfo_l(RADIXCHAR, loc), seps.decimal);
+  Store(nl_langinfo_l(THOUSEP, loc), seps.thousands);
+  Store(nl_langinfo_l(NEGATIVE_SIGN, loc), seps.negative);
+  TimeSeparatorOf(nl_langinfo_l(T_FMT, loc), seps.time);
+  DateFormOf(nl_langinfo_l(D_FMT, loc), seps.dateOrder, seps.date);
   freelocale(loc);
-  return spec;
+  return seps;
 }
 
 const LocaleSeparatorsSpec& LocaleSeparators() {
@@ -120,12 +120,12 @@ const LocaleSeparatorsSpec& LocaleSeparators() {
   return user;
 }
 
-void SetLocaleSeparatorsForTesting(const LocaleSeparatorsSpec* spec) {
-  if (spec == nullptr) {
+void SetLocaleSeparatorsForTesting(const LocaleSeparatorsSpec* seps) {
+  if (seps == nullptr) {
     g_overridden.store(false, std::memory_order_release);
     return;
   }
-  g_override = *spec;
+  g_override = *seps;
   g_overridden.store(true, std::memory_order_release);
 }
 
