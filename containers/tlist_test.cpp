@@ -38,6 +38,16 @@ void ExpectSame(TList& list, const std::vector<Slot>& model, int step) {
   ASSERT_EQ(list.GetAtRaw(-1), nullptr);
 }
 
+// Single lookups at random positions: they start from whatever position the
+// last operation left remembered, and leave a new one for the next.
+void Probe(TList& list, const std::vector<Slot>& model, std::mt19937& rng, int step) {
+  if (model.empty()) return;
+  for (int k = 0; k < 2; ++k) {
+    size_t at = rng() % model.size();
+    ASSERT_EQ(list.GetAtRaw(static_cast<int>(at)), model[at].address) << "step " << step << " at " << at;
+  }
+}
+
 int ModelFind(const std::vector<Slot>& model, uint64_t value) {
   for (size_t i = 0; i < model.size(); ++i) {
     if (model[i].value == value) return static_cast<int>(i);
@@ -173,7 +183,11 @@ TEST(TListTest, RandomOperationsMatchVectorModel) {
           }
           break;
       }
-      ExpectSame(list, model, step);
+      Probe(list, model, rng, step);
+      if (step % 4 == 0) {
+        ExpectSame(list, model, step);
+        Probe(list, model, rng, step);
+      }
       ASSERT_EQ(MemLiveBlocks(), blocksBefore + static_cast<int64_t>(model.size()));
     }
     EXPECT_EQ(static_cast<int>(host.LinesWithFormat("TList::AddAt: position %~d outside 0..%~d, %E").size() +
