@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <list>
 #include <random>
 #include <vector>
 
@@ -48,13 +47,6 @@ void Probe(TList& list, const std::vector<Slot>& model, std::mt19937& rng, int s
   }
 }
 
-int ModelFind(const std::vector<Slot>& model, uint64_t value) {
-  for (size_t i = 0; i < model.size(); ++i) {
-    if (model[i].value == value) return static_cast<int>(i);
-  }
-  return -1;
-}
-
 // Random operation sequences against a std::vector model. Values come from
 // a small range so that duplicates, Find and Remove are exercised.
 TEST(TListTest, RandomOperationsMatchVectorModel) {
@@ -90,7 +82,8 @@ TEST(TListTest, RandomOperationsMatchVectorModel) {
           break;
         }
         case 6: {
-          int expected = ModelFind(model, value);
+          auto found = std::find_if(model.begin(), model.end(), [&](const Slot& s) { return s.value == value; });
+          int expected = found == model.end() ? -1 : static_cast<int>(found - model.begin());
           ASSERT_EQ(list.Find(value), expected);
           ASSERT_EQ(list.Remove(value), expected);
           if (expected >= 0) model.erase(model.begin() + expected);
@@ -196,37 +189,6 @@ TEST(TListTest, RandomOperationsMatchVectorModel) {
     EXPECT_EQ(host.AssertCount(), 0);
   }
   EXPECT_EQ(MemLiveBlocks(), blocksBefore);
-}
-
-// Positional edits in place, in the patterns the remembered position serves,
-// against a std::list walked by iterator.
-TEST(TListTest, SequentialEditsMatchListModel) {
-  TList list;
-  std::list<uint64_t> model;
-  for (uint64_t v = 0; v < 2000; ++v) {
-    ASSERT_EQ(list.AddAt(v, static_cast<int>(v / 2)), 0);  // always in the middle
-    auto it = model.begin();
-    std::advance(it, v / 2);
-    model.insert(it, v);
-  }
-  // Remove every third value while walking forward by position.
-  int position = 0;
-  auto it = model.begin();
-  while (it != model.end()) {
-    if (*it % 3 == 0) {
-      ASSERT_EQ(list.RemoveAt(position), *it);
-      it = model.erase(it);
-    } else {
-      ASSERT_EQ(*list.GetAtRaw(position), *it);
-      ++it;
-      ++position;
-    }
-  }
-  ASSERT_EQ(list.GetCount(), static_cast<int>(model.size()));
-  const TList& view = list;
-  it = model.begin();
-  for (const TListNode* n = view.Next(nullptr); n != nullptr; n = view.Next(n), ++it) ASSERT_EQ(n->GetValue(), *it);
-  EXPECT_EQ(it, model.end());
 }
 
 int IsOdd(uint64_t value) { return static_cast<int>(value & 1); }
