@@ -130,7 +130,8 @@ TEST(TListTest, RandomOperationsMatchVectorModel) {
         }
         case 10: {  // += another list, or the list itself
           if (rng() % 3 == 0) {
-            list += list;
+            const TList& self = list;
+            list += self;
             std::vector<Slot> copy = model;
             for (size_t k = 0; k < copy.size(); ++k) model.push_back(Slot{copy[k].value, list.GetAtRaw(size + k)});
             break;
@@ -152,7 +153,8 @@ TEST(TListTest, RandomOperationsMatchVectorModel) {
             ASSERT_EQ(other.AddAt(values.back(), 0), 0);
           }
           if (rng() % 20 == 0) {
-            list -= list;
+            const TList& self = list;
+            list -= self;
             model.clear();
             break;
           }
