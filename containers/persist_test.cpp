@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "containers/byteorder.h"
+#include "foundation/errors.h"
+#include "foundation/tstring.h"
 #include "tests/test_host.h"
 
 namespace {
@@ -144,6 +148,20 @@ TEST(PersistTest, ContainerHeaderFromDiskBytes) {
   ASSERT_NE(ChangeEndian(&h, kPersistHeaderLayout, sizeof h), nullptr);
   EXPECT_EQ(_checkpersist(&h, kMagic, 0x0100, 0x0111), 0);
   EXPECT_EQ(h.second, 0x0111);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(PersistTextTest, EveryResultCodeHasItsOwnText) {
+  std::set<std::string> seen;
+  for (int code : {kErrPersistOtherOrder, kErrPersistInvalid, kErrPersistSignature, kErrPersistTooOld,
+                   kErrPersistTooNew}) {
+    TString text;
+    EXPECT_EQ(GetErrorText(code, &text), 1) << code;
+    EXPECT_TRUE(seen.insert(TStringAsString(text)).second) << code;
+  }
 }
 
 }  // namespace

@@ -60,6 +60,12 @@ constexpr ResourceTextSpec kErrorTexts[] = {
 
     {16101, "0025", u"Out of memory"},
     {16101, "0026", u"The requested size is too large"},
+    // Persistent record headers.
+    {16101, "0090", u"The record was written in the other byte order"},
+    {16101, "0091", u"The record header is invalid"},
+    {16101, "0092", u"The record is of another kind"},
+    {16101, "0093", u"The record is of a version too old to read"},
+    {16101, "0094", u"The record is of a version too new to read"},
 };
 
 const ResourceTableRegistrar kRegistrar(kErrorTexts, static_cast<int>(sizeof kErrorTexts / sizeof kErrorTexts[0]));
