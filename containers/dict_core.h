@@ -46,6 +46,8 @@
 
 namespace dict_internal {
 
+class DictCorePeer;
+
 inline constexpr int32_t kTableSizes[] = {127,     251,     509,     1021,    2039,     4093,
                                           8191,    16381,   32749,   65521,   131071,   262139,
                                           524287,  1048573, 2097143, 4194301, 8388593,  16777213};

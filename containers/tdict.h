@@ -86,6 +86,7 @@ class PLINTH_API TDict : public TObject {
 
  private:
   friend class TDictIter;
+  friend class dict_internal::DictCorePeer;  // tests reach the counters
 
   dict_internal::DictCore<dict_internal::Dict32Traits> m_table;
   TDict* m_parent = nullptr;

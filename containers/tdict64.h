@@ -76,6 +76,7 @@ class PLINTH_API TDict64 : public TObject {
 
  private:
   friend class TDict64Iter;
+  friend class dict_internal::DictCorePeer;  // tests reach the counters
 
   dict_internal::DictCore<dict_internal::Dict64Traits> m_table;
   TDict64* m_parent = nullptr;
