@@ -189,9 +189,6 @@ class DictCore {
   Slot* m_slots = nullptr;
 };
 
-extern template class DictCore<Dict32Traits>;
-extern template class DictCore<Dict64Traits>;
-
 }  // namespace dict_internal
 
 #endif  // PLINTH_CONTAINERS_DICT_CORE_H_

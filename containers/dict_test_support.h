@@ -15,21 +15,13 @@ namespace dict_internal {
 class DictCorePeer {
  public:
   template <typename Dict>
-  static auto& Table(Dict& dict) {
-    return dict.m_table;
-  }
+  static auto& Table(Dict& dict) { return dict.m_table; }
   template <typename Dict>
-  static int32_t& Used(Dict& dict) {
-    return dict.m_table.m_used;
-  }
+  static int32_t& Used(Dict& dict) { return dict.m_table.m_used; }
   template <typename Dict>
-  static int32_t& Deleted(Dict& dict) {
-    return dict.m_table.m_deleted;
-  }
+  static int32_t& Deleted(Dict& dict) { return dict.m_table.m_deleted; }
   template <typename Dict>
-  static int32_t& High(Dict& dict) {
-    return dict.m_table.m_high;
-  }
+  static int32_t& High(Dict& dict) { return dict.m_table.m_high; }
 };
 
 }  // namespace dict_internal
