@@ -114,11 +114,8 @@ class PLINTH_API TTypedBuffer : public TMemory {
   int Load(const T* values, uint32_t n);
   int Move(TTypedBuffer* source);
 
-  uint64_t ExportSize() const
-    requires std::is_integral_v<T>
-  {
-    return 4 + uint64_t{Count()} * sizeof(T);
-  }
+  // The flat form's size; only integer buffers have a flat form.
+  uint64_t ExportSize() const { return 4 + uint64_t{Count()} * sizeof(T); }
   int Export(void* buffer, unsigned int size) const
     requires std::is_integral_v<T>;
   int Import(const void* buffer, unsigned int size)
