@@ -8,7 +8,9 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TString::TString(' 'TString::Base64Encode(' 'MapError(' 'MapAndLogErr(' 'RMGetErrID(' 'MapErrno(' \
             'TestPlinthEnvirons(' 'GetDiskWorkingSpace(' 'OSCheck(' 'PlinthEnv' 'LoadResourceFile(' \
             'TString::SPrintf(' 'TString::VSPrintf(' 'TString::SScanf(' 'DoScanf(' 'TDate::FromISOString(' \
-            'TDate::sum(' 'TInterval::normalize(' 'TDateStep::Export(' ; do
+            'TDate::sum(' 'TInterval::normalize(' 'TDateStep::Export(' 'TDict::Define(' 'TDict64::Import(' \
+            'TDictLinear::Define(' 'TList::AddAt(' 'HostToBigEndian(' '_checkpersist(' 'TDataBuffer::Insert(' \
+            'TTypedBuffer<unsigned int>::Find(' 'TBufferedUint8Stream::Get(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
