@@ -48,4 +48,18 @@ done
 grep -qE "^MemTotalMB: +[1-9][0-9]*$" <<<"$out" || fail "env MemTotalMB is not a figure"
 expect_exit 0 "env --help" "$plinth" env --help
 expect_exit 2 "env with an argument" "$plinth" env extra
+# plinth hash: digests agree with coreutils; the CRC forms of an empty file.
+tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT
+head -c 300000 /dev/urandom > "$tmp/data.bin"; : > "$tmp/empty"
+want=$(md5sum "$tmp/data.bin" | cut -d' ' -f1)
+[ "$("$plinth" hash "$tmp/data.bin" | cut -d' ' -f1)" = "$want" ] || fail "hash (md5) disagrees with md5sum"
+want=$(sha1sum "$tmp/data.bin" | cut -d' ' -f1)
+[ "$("$plinth" hash --sha1 "$tmp/data.bin" | cut -d' ' -f1)" = "$want" ] || fail "hash --sha1 disagrees with sha1sum"
+[ "$("$plinth" hash --crc32 "$tmp/empty")" = "00000000  $tmp/empty" ] || fail "hash --crc32 of an empty file"
+[ "$("$plinth" hash --block "$tmp/empty")" = "00000001  $tmp/empty" ] || fail "hash --block of an empty file"
+[ "$("$plinth" hash --md5 "$tmp/empty" "$tmp/data.bin" | wc -l)" -eq 2 ] || fail "hash of two files"
+expect_exit 1 "hash of a missing file" "$plinth" hash "$tmp/missing"
+expect_exit 2 "hash without a file" "$plinth" hash --sha1
+expect_exit 2 "hash with an unknown option" "$plinth" hash --sha256 "$tmp/empty"
+expect_exit 0 "hash --help" "$plinth" hash --help
 echo "cli_smoke: ok"

@@ -5,5 +5,6 @@
 
 int RunEnvCommand(int argc, char** argv);
 int RunErrorCommand(int argc, char** argv);
+int RunHashCommand(int argc, char** argv);
 
 #endif  // PLINTH_TOOLS_COMMANDS_H_

@@ -14,6 +14,8 @@ const char kUsage[] =
     "  error CODE          print the text of a library error code\n"
     "  error --os N        map a Windows error number to a library code\n"
     "  error --errno N     map an errno value to a library code\n"
+    "  hash [--md5|--sha1|--crc32|--block] FILE...\n"
+    "                      digests and checksums of files\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
@@ -25,6 +27,7 @@ struct Command {
 const Command kCommands[] = {
     {"env", RunEnvCommand},
     {"error", RunErrorCommand},
+    {"hash", RunHashCommand},
 };
 
 }  // namespace
