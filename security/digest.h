@@ -24,7 +24,7 @@
 
 class TMemory;
 
-enum _eDigestType {
+enum _eDigestType : int {
   eDigestTypeMD5 = 1,
   eDigestTypeSHA1 = 2,
 };
