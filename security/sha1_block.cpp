@@ -56,30 +56,26 @@ bool SetBlockPath(BlockPath path) {
 void BlocksPortable(uint32_t state[5], uint32_t w[80], const unsigned char* data, size_t blocks) {
   for (; blocks != 0; --blocks, data += 64) {
     for (int t = 0; t < 16; ++t) w[t] = LoadBigEndian(data + 4 * t);
+#pragma GCC unroll 20
     for (int t = 16; t < 80; ++t) w[t] = Rotl(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
     uint32_t a = state[0], b = state[1], c = state[2], d = state[3], e = state[4];
-    for (int t = 0; t < 80; ++t) {
-      uint32_t f, k;
-      if (t < 20) {
-        f = (b & c) | (~b & d);  // selection
-        k = 0x5A827999;
-      } else if (t < 40) {
-        f = b ^ c ^ d;  // parity
-        k = 0x6ED9EBA1;
-      } else if (t < 60) {
-        f = (b & c) | (b & d) | (c & d);  // majority
-        k = 0x8F1BBCDC;
-      } else {
-        f = b ^ c ^ d;
-        k = 0xCA62C1D6;
-      }
-      uint32_t temp = Rotl(a, 5) + f + e + k + w[t];
+    // One loop per round function, so that none branches per step.
+    auto step = [&](uint32_t f, uint32_t k, uint32_t word) {
+      uint32_t temp = Rotl(a, 5) + f + e + k + word;
       e = d;
       d = c;
       c = Rotl(b, 30);
       b = a;
       a = temp;
-    }
+    };
+#pragma GCC unroll 20
+    for (int t = 0; t < 20; ++t) step((b & c) | (~b & d), 0x5A827999, w[t]);             // selection
+#pragma GCC unroll 20
+    for (int t = 20; t < 40; ++t) step(b ^ c ^ d, 0x6ED9EBA1, w[t]);                     // parity
+#pragma GCC unroll 20
+    for (int t = 40; t < 60; ++t) step((b & c) | (b & d) | (c & d), 0x8F1BBCDC, w[t]);  // majority
+#pragma GCC unroll 20
+    for (int t = 60; t < 80; ++t) step(b ^ c ^ d, 0xCA62C1D6, w[t]);
     state[0] += a;
     state[1] += b;
     state[2] += c;
