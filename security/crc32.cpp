@@ -120,6 +120,7 @@ CrcUpdateFn FunctionOf(CrcPath path) {
   switch (path) {
     case CrcPath::kTable: return UpdateSlice8;
     case CrcPath::kPclmul: return UpdatePclmul;
+    case CrcPath::kVpclmul256: return UpdateVpclmul256;
     case CrcPath::kVpclmul: return UpdateVpclmul;
     case CrcPath::kAuto: break;
   }
@@ -128,6 +129,7 @@ CrcUpdateFn FunctionOf(CrcPath path) {
 
 CrcPath BestPath() {
   if (PathAvailable(CrcPath::kVpclmul)) return CrcPath::kVpclmul;
+  if (PathAvailable(CrcPath::kVpclmul256)) return CrcPath::kVpclmul256;
   if (PathAvailable(CrcPath::kPclmul)) return CrcPath::kPclmul;
   return CrcPath::kTable;
 }
@@ -143,9 +145,10 @@ bool PathAvailable(CrcPath path) {
     case CrcPath::kAuto:
     case CrcPath::kTable: return true;
     case CrcPath::kPclmul: return (caps & platform::kCpuPclmul) != 0 && (caps & platform::kCpuSse42) != 0;
+    case CrcPath::kVpclmul256:
+      return PathAvailable(CrcPath::kPclmul) && (caps & platform::kCpuVpclmul) != 0 && (caps & platform::kCpuAvx2) != 0;
     case CrcPath::kVpclmul:
-      return PathAvailable(CrcPath::kPclmul) && (caps & platform::kCpuVpclmul) != 0 &&
-             (caps & platform::kCpuAvx512) != 0 && HasAvx512BwVl();
+      return PathAvailable(CrcPath::kVpclmul256) && (caps & platform::kCpuAvx512) != 0 && HasAvx512BwVl();
   }
   return false;
 }

@@ -10,9 +10,8 @@
 // checksum of other libraries, is ~update(~c, ...).)
 //
 // Large inputs are folded with carry-less multiplication (PCLMULQDQ, or
-// VPCLMULQDQ on 512-bit registers) when the CPU has it; the choice is made
-// once, on first use. The table loop serves everything else and is the
-// reference the fast paths are tested against.
+// VPCLMULQDQ on 256- or 512-bit registers) when the CPU has it; the choice
+// is made once, on first use. Otherwise a table loop (slicing by 8) serves.
 //
 // HashBlock fingerprints a stored block: the CRC from 0, with a result of 0
 // replaced by 1 so that 0 can stand for "no hash".

@@ -37,7 +37,8 @@ constexpr uint64_t BarrettMu() {
   return q;
 }
 
-enum class CrcPath { kAuto, kTable, kPclmul, kVpclmul };
+// kTable is the slicing loop; the byte loop is the reference of the tests.
+enum class CrcPath { kAuto, kTable, kPclmul, kVpclmul256, kVpclmul };
 
 typedef uint32_t (*CrcUpdateFn)(uint32_t crc, const uint8_t* data, size_t length);
 
@@ -47,6 +48,8 @@ uint32_t UpdateTable(uint32_t crc, const uint8_t* data, size_t length);
 uint32_t UpdateSlice8(uint32_t crc, const uint8_t* data, size_t length);
 // Folding with 128-bit carry-less multiplication (PCLMULQDQ + SSSE3/SSE4.1).
 uint32_t UpdatePclmul(uint32_t crc, const uint8_t* data, size_t length);
+// Folding on 256-bit registers (VPCLMULQDQ + AVX2).
+uint32_t UpdateVpclmul256(uint32_t crc, const uint8_t* data, size_t length);
 // Folding on 512-bit registers (VPCLMULQDQ + AVX-512 F/VL/BW).
 uint32_t UpdateVpclmul(uint32_t crc, const uint8_t* data, size_t length);
 

@@ -55,7 +55,7 @@ TEST(Crc32, TableConstantsAndCatalogueValues) {
 
   // x^n mod P is the CRC of the one-bit message x^(n-32): byte 1 and then
   // (n-32)/8 zero bytes.
-  for (unsigned n : {64u, 96u, 128u, 192u, 512u, 576u, 2048u, 2112u}) {
+  for (unsigned n : {64u, 96u, 128u, 192u, 256u, 320u, 512u, 576u, 1024u, 1088u, 2048u, 2112u}) {
     const std::string msg = std::string(1, '\1') + std::string((n - 32) / 8, '\0');
     EXPECT_EQ(crc32_internal::XPowModP(n), Bitwise(0, msg)) << n;
   }
@@ -140,12 +140,13 @@ TEST_P(Crc32Paths, AgreesWithPosixCksum) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Crc32Paths, ::testing::Values(CrcPath::kTable, CrcPath::kPclmul, CrcPath::kVpclmul),
+INSTANTIATE_TEST_SUITE_P(All, Crc32Paths, ::testing::Values(CrcPath::kTable, CrcPath::kPclmul, CrcPath::kVpclmul256, CrcPath::kVpclmul),
                          [](const ::testing::TestParamInfo<CrcPath>& info) {
                            switch (info.param) {
                              case CrcPath::kTable: return std::string("Table");
                              case CrcPath::kPclmul: return std::string("Pclmul");
-                             case CrcPath::kVpclmul: return std::string("Vpclmul");
+                             case CrcPath::kVpclmul256: return std::string("Vpclmul256");
+                             case CrcPath::kVpclmul: return std::string("Vpclmul512");
                              default: return std::string("Auto");
                            }
                          });
