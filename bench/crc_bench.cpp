@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "security/crc32.h"
 #include "security/crc32_internal.h"
 
@@ -94,8 +95,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (!median && (run.run_type != Run::RT_Iteration || run.repetitions > 1)) continue;
+      if (!IsRepresentativeRun(run)) continue;
       m_ms[run.run_name.function_name] = run.GetAdjustedCPUTime();
     }
   }
@@ -119,11 +119,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   if (!MappingHolds()) return 1;
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return RunBenchmarks(argc, argv, &reporter);
 }

@@ -15,6 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "containers/tdict.h"
 
 namespace {
@@ -101,8 +102,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (!median && (run.run_type != Run::RT_Iteration || run.repetitions > 1)) continue;
+      if (!IsRepresentativeRun(run)) continue;
       const std::string& name = run.run_name.function_name;  // Dict/<operation>/<map>
       size_t slash = name.rfind('/');
       m_ns[{name.substr(0, slash), name.substr(slash + 1)}] = run.GetAdjustedCPUTime() * 1e6;  // ms -> ns
@@ -131,10 +131,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return RunBenchmarks(argc, argv, &reporter);
 }

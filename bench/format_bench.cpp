@@ -12,6 +12,7 @@
 #include <vector>
 #include <string>
 
+#include "bench/bench_support.h"
 #include "foundation/errors.h"
 #include "foundation/tstring.h"
 
@@ -46,9 +47,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      // With repetitions the medians speak for the runs.
-      bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (!median && (run.run_type != Run::RT_Iteration || run.repetitions > 1)) continue;
+      if (!IsRepresentativeRun(run)) continue;
       std::string name = run.benchmark_name();
       if (name.find("SPrintf") != std::string::npos) m_ours = run.GetAdjustedRealTime();
       if (name.find("Snprintf") != std::string::npos) m_theirs = run.GetAdjustedRealTime();
@@ -67,10 +66,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return RunBenchmarks(argc, argv, &reporter);
 }

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "foundation/memory.h"
 
 namespace {
@@ -67,9 +68,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      // With repetitions the medians speak for the runs.
-      bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (!median && (run.run_type != Run::RT_Iteration || run.repetitions > 1)) continue;
+      if (!IsRepresentativeRun(run)) continue;
       double ns = run.GetAdjustedRealTime();
       const std::string& name = run.run_name.function_name;
       bool mem = name.rfind("BM_MemAlloc", 0) == 0;
@@ -102,10 +101,6 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return RunBenchmarks(argc, argv, &reporter);
 }
