@@ -1,5 +1,8 @@
 #include "files/tfileloc.h"
 
+#include "foundation/errors.h"
+#include "foundation/log.h"
+#include "platform/file.h"
 #include "platform/path.h"
 
 void TFileLoc::Set(const TFolderLoc& folder, const TString& name) {
@@ -34,4 +37,37 @@ TString TFileLoc::GetFullPath() const {
   if (n == 0 || path.GetConstBuffer()[n - 1] != platform::kPathDelimiter) path += platform::kPathDelimiter;
   path += m_name;
   return path;
+}
+
+bool TFileLoc::Exists() const {
+  if (!IsValid()) return false;
+  TString path = GetFullPath();
+  bool exists = false;
+  bool isFolder = false;
+  int code = platform::PathStatus(path, &exists, &isFolder);
+  if (code != 0) LogLine(514, u"TFileLoc::Exists: cannot look at <%s>, %E", &path, code);
+  return exists && !isFolder;
+}
+
+int TFileLoc::Remove() const {
+  TString path = GetFullPath();
+  if (!IsValid()) {
+    LogLine(514, u"TFileLoc::Remove: invalid location <%s>, %E", &path, kErrBadName);
+    return kErrBadName;
+  }
+  int code = platform::RemoveFile(path);
+  if (code != 0) LogLine(514, u"TFileLoc::Remove: cannot remove <%s>, %E", &path, code);
+  return code;
+}
+
+int TFileLoc::IsWriteLocked(bool* locked) const {
+  *locked = false;
+  TString path = GetFullPath();
+  if (!IsValid()) {
+    LogLine(514, u"TFileLoc::IsWriteLocked: invalid location <%s>, %E", &path, kErrBadName);
+    return kErrBadName;
+  }
+  int code = platform::IsPathWriteLocked(path, locked);
+  if (code != 0) LogLine(514, u"TFileLoc::IsWriteLocked: cannot test <%s>, %E", &path, code);
+  return code;
 }

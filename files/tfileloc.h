@@ -1,6 +1,9 @@
 // TFileLoc: the location of a file, a folder location and a name.
 //
 // A location is valid once both parts are set; the file need not exist.
+// Locations are values: copying one (copy construction, assignment, Copy)
+// copies both parts. Queries of the file system write one 514 log line
+// when the system fails them; a missing file is an answer, not a failure.
 #ifndef PLINTH_FILES_TFILELOC_H_
 #define PLINTH_FILES_TFILELOC_H_
 
@@ -25,6 +28,16 @@ class PLINTH_API TFileLoc : public TObject {
   const TString& GetName() const { return m_name; }
   // The folder's path, one delimiter, the name.
   TString GetFullPath() const;
+
+  void Copy(const TFileLoc& other) { *this = other; }
+
+  // Whether a file (not a folder) is there; false when the system cannot say.
+  bool Exists() const;
+  // Removes the file: 0, kErrNotFound, or the mapped failure.
+  int Remove() const;
+  // Whether another open holds a lock on the file that would stop a write
+  // lock (see TFile::LockWrite). A missing file is not locked.
+  int IsWriteLocked(bool* locked) const;
 
   bool operator==(const TFileLoc& other) const { return m_folder == other.m_folder && m_name == other.m_name; }
 

@@ -20,6 +20,12 @@ class PLINTH_API TFolderLoc : public TObject {
   // The full path without a trailing delimiter.
   const TString& GetPath() const { return m_path; }
 
+  // Whether a folder is there; false when the system cannot say.
+  bool Exists() const;
+  // Makes the folder (its parent must exist); kErrAlreadyExists when it is
+  // there already.
+  int Create() const;
+
   bool operator==(const TFolderLoc& other) const { return m_path == other.m_path; }
 
  private:
