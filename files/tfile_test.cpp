@@ -164,6 +164,22 @@ TEST_F(TFileTest, FailuresAreMappedAndLoggedOnce) {
   EXPECT_EQ(host.LinesWithFormat("TFile::GetLength: no file open, %E").size(), 1u);
 }
 
+// A device that is always full: the write fails with ENOSPC, mapped and
+// counted as nothing written.
+TEST_F(TFileTest, FullDeviceGivesDiskFull) {
+  TFile file;
+  TFileLoc full(TString(u"/dev/full"));
+  if (file.Open(full, kFileOpenReadWrite) != 0) GTEST_SKIP() << "no /dev/full here";
+  TestHost host;
+  uint32_t count = 4;
+  EXPECT_EQ(file.Write("full", &count), kErrDiskFull);
+  EXPECT_EQ(count, 0u);
+  EXPECT_EQ(file.GetPosition(), 0u);
+  auto lines = host.LinesWithFormat("TFile::Write: cannot write <%s>, %E");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].text.find("/dev/full"), std::string::npos);
+}
+
 TEST_F(TFileTest, LocationsExistRemoveAndCopy) {
   TFileLoc loc = Loc("x.txt");
   EXPECT_FALSE(loc.Exists());
