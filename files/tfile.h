@@ -77,7 +77,7 @@ class PLINTH_API TFile : public TObject {
   int Unlock();
 
  private:
-  int Refuse(const char16_t* operation);
+  int Refuse(const char16_t* format);
   int Failed(const char16_t* format, int code);
 
   platform::TFileHandle m_handle;
