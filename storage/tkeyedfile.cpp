@@ -13,13 +13,13 @@ const char16_t kDefaultSection[] = u"Default";
 
 TString TKeyedFile::DeviceFileName(uint32_t device) {
   TString name;
-  name.SPrintf(u"device%02lu.rdi", static_cast<unsigned long>(device));
+  name.SPrintf(u"device%02~lu.rdi", static_cast<unsigned long>(device));
   return name;
 }
 
 TString TKeyedFile::DeviceSectionName(uint32_t device) {
   TString name;
-  name.SPrintf(u"Device%02lu", static_cast<unsigned long>(device));
+  name.SPrintf(u"Device%02~lu", static_cast<unsigned long>(device));
   return name;
 }
 
