@@ -86,7 +86,7 @@ int LoadText(const char16_t* op, const TString& path, TIniText* text, bool* exis
 }  // namespace
 
 std::string FoldIniName(const std::string& utf8) {
-  TString s = TStringFromUTF8(utf8);
+  TString s = TStringFromUTF8(Trim(utf8, 0, utf8.size()));
   s.ToLower();
   return TStringAsString(s);
 }

@@ -95,7 +95,7 @@ class TIniText {
   std::vector<Line> m_lines;
 };
 
-// Case folding used for section and key comparisons.
+// Section and key names as compared: blanks trimmed, case folded.
 std::string FoldIniName(const std::string& utf8);
 
 #endif  // PLINTH_STORAGE_INIFILE_H_

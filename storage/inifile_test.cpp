@@ -9,6 +9,8 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "foundation/errors.h"
 #include "platform/atomic_file.h"
@@ -124,6 +126,7 @@ TEST(IniFile, WritesKeepUntouchedBytes) {
   EXPECT_EQ("first value", Get(path, "DEFAULT", "name"));
   EXPECT_EQ("quoted  ", Get(path, "other", "KEY"));
   EXPECT_EQ("<missing>", Get(path, "Default", "Other"));
+  EXPECT_EQ("first value", Get(path, " default\t", " name "));
 
   ASSERT_EQ(0, Set(path, "default", "SIZE", "11"));
   std::string after = before;
@@ -305,4 +308,22 @@ TEST(IniFile, CaseFoldingBeyondAscii) {
   ASSERT_EQ(0, GetProfileKeyNames(&sec, &p, &names));
   ASSERT_EQ(1u, names.size());
   EXPECT_EQ("État", TStringAsString(names[0]));
+}
+
+// Writers on several threads lose none of each other's keys.
+TEST(IniFileThreaded, ConcurrentWritersKeepEveryKey) {
+  TempDir dir;
+  std::string path = dir.path() + "/shared.ini";
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&path, t] {
+      for (int i = 0; i < 10; ++i) Set(path, "S" + std::to_string(i % 2), "k" + std::to_string(t * 100 + i), "v");
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  for (int t = 0; t < 4; ++t) {
+    for (int i = 0; i < 10; ++i) {
+      EXPECT_EQ("v", Get(path, "S" + std::to_string(i % 2), "k" + std::to_string(t * 100 + i)));
+    }
+  }
 }
