@@ -68,11 +68,10 @@ bool IsValidUtf8(const unsigned char* p, size_t n) {
 bool HasLineBreak(const std::string& s) { return s.find_first_of("\r\n") != std::string::npos; }
 
 // Reads and parses `path`; a missing file is an empty text.
-int LoadText(const char16_t* op, const TString& path, TIniText* text, bool* existed) {
+int LoadText(const char16_t* op, const TString& path, TIniText* text) {
   TString opName(op);
   std::string data;
   int code = platform::ReadWholeFile(path, kIniMaxFileBytes, &data);
-  *existed = code == 0;
   if (code == kErrNotFound) return text->Parse("", 0);
   if (code != 0) {
     LogLine(517, u"%s: cannot read %s, %E", &opName, &path, code);
@@ -282,8 +281,7 @@ int UGetPrivateProfileString(const TString* section, const TString* key, const T
   }
   std::lock_guard<std::mutex> hold(g_profileLock);
   TIniText text;
-  bool existed = false;
-  int code = LoadText(kOp, *path, &text, &existed);
+  int code = LoadText(kOp, *path, &text);
   if (code != 0) return code;
   std::string got;
   if (!text.Get(TStringAsString(*section), TStringAsString(*key), &got)) return 0;
@@ -315,8 +313,7 @@ int UWritePrivateProfileString(const TString* section, const TString* key, const
   }
   std::lock_guard<std::mutex> hold(g_profileLock);
   TIniText text;
-  bool existed = false;
-  int code = LoadText(kOp, *path, &text, &existed);
+  int code = LoadText(kOp, *path, &text);
   if (code != 0) return code;
   if (key == nullptr) {
     if (!text.DeleteSection(sec)) return 0;
@@ -339,8 +336,7 @@ int GetProfileSectionNames(const TString* path, std::vector<TString>* names) {
   names->clear();
   std::lock_guard<std::mutex> hold(g_profileLock);
   TIniText text;
-  bool existed = false;
-  int code = LoadText(u"GetProfileSectionNames", *path, &text, &existed);
+  int code = LoadText(u"GetProfileSectionNames", *path, &text);
   if (code != 0) return code;
   for (const std::string& name : text.SectionNames()) names->push_back(TStringFromUTF8(name));
   return 0;
@@ -350,8 +346,7 @@ int GetProfileKeyNames(const TString* section, const TString* path, std::vector<
   names->clear();
   std::lock_guard<std::mutex> hold(g_profileLock);
   TIniText text;
-  bool existed = false;
-  int code = LoadText(u"GetProfileKeyNames", *path, &text, &existed);
+  int code = LoadText(u"GetProfileKeyNames", *path, &text);
   if (code != 0) return code;
   for (const std::string& name : text.KeyNames(TStringAsString(*section))) names->push_back(TStringFromUTF8(name));
   return 0;

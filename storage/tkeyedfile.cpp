@@ -1,6 +1,5 @@
 #include "storage/tkeyedfile.h"
 
-#include "foundation/log.h"
 #include "platform/atomic_file.h"
 #include "storage/inifile.h"
 #include "time/tdate.h"
