@@ -62,4 +62,36 @@ expect_exit 1 "hash of a missing file" "$plinth" hash "$tmp/missing"
 expect_exit 2 "hash without a file" "$plinth" hash --sha1
 expect_exit 2 "hash with an unknown option" "$plinth" hash --sha256 "$tmp/empty"
 expect_exit 0 "hash --help" "$plinth" hash --help
+# plinth ini and device: a set reads back, other lines stay, refusals and usage.
+ini="$tmp/keys.ini"
+printf '; kept comment\r\n[Default]\r\nName = one\r\n' > "$ini"
+[ "$("$plinth" ini get "$ini" default NAME)" = "one" ] || fail "ini get of an existing key"
+"$plinth" ini set "$ini" Default Size 42 || fail "ini set failed"
+[ "$("$plinth" ini get "$ini" Default size)" = "42" ] || fail "ini set does not read back"
+[ "$(head -c 16 "$ini")" = "; kept comment$(printf '\r')" ] || fail "ini set changed the comment line"
+"$plinth" ini set "$tmp/new.ini" Device00 Id "a b" || fail "ini set of a new file failed"
+[ "$("$plinth" ini get "$tmp/new.ini" device00 id)" = "a b" ] || fail "ini set of a new file does not read back"
+expect_exit 1 "ini get of a missing key" "$plinth" ini get "$ini" Default Missing
+expect_exit 1 "ini get of a missing file" "$plinth" ini get "$tmp/none.ini" Default Name
+head -c 3000 /dev/urandom > "$tmp/junk.ini"; printf '\0' >> "$tmp/junk.ini"
+expect_exit 1 "ini get of a binary file" "$plinth" ini get "$tmp/junk.ini" a b
+expect_exit 1 "ini set of a binary file" "$plinth" ini set "$tmp/junk.ini" a b c
+expect_exit 1 "ini set of an unusable key" "$plinth" ini set "$ini" Default "a=b" c
+expect_exit 0 "ini --help" "$plinth" ini --help
+expect_exit 2 "ini without arguments" "$plinth" ini
+expect_exit 2 "ini get with too few arguments" "$plinth" ini get "$ini" Default
+expect_exit 2 "ini set with too few arguments" "$plinth" ini set "$ini" Default Name
+expect_exit 2 "ini with an unknown verb" "$plinth" ini put "$ini" Default Name x
+devs="$tmp/devices"; mkdir "$devs"
+printf '[Default]\nId=a\n' > "$devs/device00.rdi"
+printf '[Device00]\nId=b\n[Device01]\nId=c\n' > "$devs/device100.rdi"
+printf '[Other]\n' > "$devs/device02.rdi.tmpXYZ"
+want=$(printf 'device00.rdi\n  [Default]\ndevice100.rdi\n  [Device00]\n  [Device01]')
+[ "$("$plinth" device list "$devs")" = "$want" ] || fail "device list printed '$("$plinth" device list "$devs")'"
+cp "$tmp/junk.ini" "$devs/device03.rdi"
+expect_exit 1 "device list with an unreadable file" "$plinth" device list "$devs"
+expect_exit 1 "device list of a missing folder" "$plinth" device list "$tmp/nowhere"
+expect_exit 0 "device --help" "$plinth" device --help
+expect_exit 2 "device without arguments" "$plinth" device
+expect_exit 2 "device list without a folder" "$plinth" device list
 echo "cli_smoke: ok"

@@ -6,5 +6,7 @@
 int RunEnvCommand(int argc, char** argv);
 int RunErrorCommand(int argc, char** argv);
 int RunHashCommand(int argc, char** argv);
+int RunIniCommand(int argc, char** argv);
+int RunDeviceCommand(int argc, char** argv);
 
 #endif  // PLINTH_TOOLS_COMMANDS_H_

@@ -16,6 +16,10 @@ const char kUsage[] =
     "  error --errno N     map an errno value to a library code\n"
     "  hash [--md5|--sha1|--crc32|--block] FILE...\n"
     "                      digests and checksums of files\n"
+    "  ini get FILE SECTION KEY\n"
+    "  ini set FILE SECTION KEY VALUE\n"
+    "                      read or write a key of an initialisation file\n"
+    "  device list FOLDER  the device files of a folder and their sections\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
@@ -28,6 +32,8 @@ const Command kCommands[] = {
     {"env", RunEnvCommand},
     {"error", RunErrorCommand},
     {"hash", RunHashCommand},
+    {"ini", RunIniCommand},
+    {"device", RunDeviceCommand},
 };
 
 }  // namespace
