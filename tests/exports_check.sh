@@ -11,7 +11,8 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TDate::sum(' 'TInterval::normalize(' 'TDateStep::Export(' 'TDict::Define(' 'TDict64::Import(' \
             'TDictLinear::Define(' 'TList::AddAt(' 'HostToBigEndian(' '_checkpersist(' 'TDataBuffer::Insert(' \
             'TTypedBuffer<unsigned int>::Find(' 'TBufferedUint8Stream::Get(' 'CRC32::update(' 'HashBlock(' \
-            'TMD5::InitHash(' 'SHA1Digest::update(' 'TBlockHash::HashBlock(' 'TFileLoc::' ; do
+            'TMD5::InitHash(' 'SHA1Digest::update(' 'TBlockHash::HashBlock(' 'TFileLoc::' 'TFile::ReadAt(' \
+            'TTextFile::ReadLine(' 'TSectionKeyFile::GetKey(' 'TKeyedFile::' 'UGetPrivateProfileString(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
