@@ -12,6 +12,7 @@
 
 #include "foundation/errors.h"
 #include "foundation/log.h"
+#include "platform/file.h"
 #include "platform/os_error.h"
 
 namespace platform {
@@ -178,17 +179,14 @@ int WriteFileAtomic(const TString& path, const std::string& data) {
 }
 
 bool FileIsPresent(const TString& path) {
-  std::string name = TStringAsString(path);
-  struct stat st;
-  return ::stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+  bool exists = false;
+  bool isFolder = false;
+  return PathStatus(path, &exists, &isFolder) == 0 && exists && !isFolder;
 }
 
 int RemoveFileAt(const TString& path, bool missingOk) {
-  std::string name = TStringAsString(path);
-  if (::unlink(name.c_str()) == 0) return 0;
-  int err = errno;
-  int code = MapErrno(err, &path);
-  if (err == ENOENT && missingOk) return 0;
+  int code = RemoveFile(path);
+  if (code == 0 || (code == kErrNotFound && missingOk)) return 0;
   LogLine(514, u"RemoveFileAt: cannot remove %s, %E", &path, code);
   return code;
 }
