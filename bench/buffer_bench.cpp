@@ -12,25 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "containers/typed_buffers.h"
 
 namespace {
 
 constexpr uint32_t kValues = 10000000;
-
-// Per-iteration times by name, the fastest run kept.
-std::map<std::string, double>& Times() {
-  static std::map<std::string, double> times;
-  return times;
-}
-
-void Record(const char* name, benchmark::State& state, std::chrono::steady_clock::time_point start) {
-  double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  if (state.iterations() == 0) return;
-  double per = ms / static_cast<double>(state.iterations());
-  auto it = Times().find(name);
-  if (it == Times().end() || per < it->second) Times()[name] = per;
-}
 
 void BM_BufferVectorPushBack(benchmark::State& state) {
   auto start = std::chrono::steady_clock::now();

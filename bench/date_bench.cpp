@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "foundation/tstring.h"
 #include "time/tdate.h"
 

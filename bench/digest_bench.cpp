@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "containers/typed_buffers.h"
 #include "security/md5.h"
 #include "security/sha1.h"
@@ -43,17 +44,8 @@ const std::vector<unsigned char>& Data() {
   return data;
 }
 
-std::map<std::string, double>& Times() {
-  static std::map<std::string, double> times;
-  return times;
-}
-
-void Record(const char* name, benchmark::State& state, std::chrono::steady_clock::time_point start) {
-  double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  if (state.iterations() == 0) return;
-  double per = ms / static_cast<double>(state.iterations());
-  auto it = Times().find(name);
-  if (it == Times().end() || per < it->second) Times()[name] = per;
+void RecordWithBytes(const char* name, benchmark::State& state, std::chrono::steady_clock::time_point start) {
+  Record(name, state, start);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kTotal));
 }
 
@@ -69,7 +61,7 @@ void Evp(benchmark::State& state, const EVP_MD* md, const char* name) {
     EVP_DigestFinal_ex(ctx, out, &n);
     benchmark::DoNotOptimize(out);
   }
-  Record(name, state, start);
+  RecordWithBytes(name, state, start);
   EVP_MD_CTX_free(ctx);
 }
 
@@ -87,7 +79,7 @@ void System(benchmark::State& state, TDigestBase& digest, const char* name) {
     digest.GetDigest(out, sizeof out);
     benchmark::DoNotOptimize(out);
   }
-  Record(name, state, start);
+  RecordWithBytes(name, state, start);
 }
 
 void BM_DigestSystemMD5(benchmark::State& state) {
@@ -113,7 +105,7 @@ void Software(benchmark::State& state, sha1_internal::BlockPath path, const char
     sha.doFinal(&out, 0);
     benchmark::DoNotOptimize(out.MemPtr());
   }
-  Record(name, state, start);
+  RecordWithBytes(name, state, start);
   sha1_internal::SetBlockPath(sha1_internal::BlockPath::kAuto);
 }
 
