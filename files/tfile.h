@@ -61,17 +61,19 @@ class PLINTH_API TFile : public TObject {
 
   int Read(void* buffer, uint32_t* count);
   int Write(const void* buffer, uint32_t* count);
-  int ReadAt(uint64_t offset, void* buffer, uint32_t* count);
-  int WriteAt(uint64_t offset, const void* buffer, uint32_t* count);
+  // The positioned transfers, the length and the syncs are virtual so that
+  // a test can stand a failing file in for a real one.
+  virtual int ReadAt(uint64_t offset, void* buffer, uint32_t* count);
+  virtual int WriteAt(uint64_t offset, const void* buffer, uint32_t* count);
   // Writes the UTF-8 form of `text` at the position.
   int WriteString(const TString& text);
 
-  int GetLength(uint64_t* length);
+  virtual int GetLength(uint64_t* length);
   // Truncates or extends (with zeros) the file to `length`; the position
   // stays where it was.
-  int SetLength(uint64_t length);
-  int Flush();
-  int Sync();
+  virtual int SetLength(uint64_t length);
+  virtual int Flush();
+  virtual int Sync();
 
   int LockWrite();
   int Unlock();

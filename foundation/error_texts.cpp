@@ -61,6 +61,11 @@ constexpr ResourceTextSpec kErrorTexts[] = {
     {16101, "0025", u"Out of memory"},
     {16101, "0026", u"The requested size is too large"},
     // Persistent record headers.
+    {16101, "0042", u"The container's map is damaged"},
+    {16101, "0043", u"The file is not a container or cannot be read"},
+    {16101, "0044", u"The container's header is invalid"},
+    {16101, "0045", u"The container was not fully saved"},
+    {16101, "0046", u"The container already holds a chunk of that type and id"},
     {16101, "0090", u"The record was written in the other byte order"},
     {16101, "0091", u"The record header is invalid"},
     {16101, "0092", u"The record is of another kind"},
