@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "files/tfileloc.h"
 #include "files/tfolderloc.h"
 #include "foundation/tmemory.h"
@@ -72,6 +74,31 @@ inline int ReadChunkState(ChunkManager* cm, ChunkState* out, std::string* why, b
     }
   }
   return 0;
+}
+
+// Equal byte strings, or where they first differ.
+inline ::testing::AssertionResult SameBytes(const Bytes& expected, const Bytes& got) {
+  if (expected == got) return ::testing::AssertionSuccess();
+  size_t i = 0;
+  while (i < expected.size() && i < got.size() && expected[i] == got[i]) ++i;
+  return ::testing::AssertionFailure() << "expected " << expected.size() << " bytes, got " << got.size()
+                                       << ", first difference at " << i;
+}
+
+// Equal chunk states, or the first chunk that differs.
+inline ::testing::AssertionResult SameChunks(const ChunkState& expected, const ChunkState& got) {
+  for (const auto& [key, data] : expected) {
+    std::string name = std::to_string(key.first) + "/" + std::to_string(key.second);
+    auto it = got.find(key);
+    if (it == got.end()) return ::testing::AssertionFailure() << "chunk " << name << " missing";
+    ::testing::AssertionResult same = SameBytes(data, it->second);
+    if (!same) return ::testing::AssertionFailure() << "chunk " << name << ": " << same.message();
+  }
+  for (const auto& [key, data] : got) {
+    if (expected.count(key) == 0)
+      return ::testing::AssertionFailure() << "unexpected chunk " << key.first << "/" << key.second;
+  }
+  return ::testing::AssertionSuccess();
 }
 
 inline Bytes ReadFileBytes(const std::string& path) {

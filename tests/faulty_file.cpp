@@ -36,12 +36,11 @@ int TFaultyFile::WriteAt(uint64_t offset, const void* buffer, uint32_t* count) {
   const uint32_t asked = *count;
   const int number = ++m_writes;
   bool fails = m_faulted;
-  uint32_t keep = asked;
+  uint32_t keep = 0;  // bytes a failing call still writes
   if (!fails && m_plan == Plan::kStop && number > m_limit) fails = true;
   if (!fails && m_plan == Plan::kPrefix && number >= m_limit) {
     fails = true;
     if (number == m_limit) keep = m_prefix == kHalf ? asked / 2 : (m_prefix < asked ? m_prefix : asked);
-    else keep = 0;
   }
   if (!fails) {
     int status = TFile::WriteAt(offset, buffer, count);
