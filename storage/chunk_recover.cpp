@@ -24,6 +24,8 @@ constexpr size_t kWindow = size_t{1} << 20;
 constexpr uint64_t kReadPiece = uint64_t{1} << 30;
 // Address steps beyond this are taken for damage, not for a layout.
 constexpr uint32_t kMaxAddressStep = 1 << 16;
+constexpr uint32_t kFirstNegativeType = 0x80000000;
+constexpr uint64_t kMaxChunkLength = 0x7FFFFFFF;
 
 using Key = std::pair<uint32_t, uint64_t>;
 
@@ -191,10 +193,13 @@ int CheckChunkAt(TCHSourceReader* reader, const LayoutSpec& layout, uint64_t add
     reading.bigEndian = pass == 0 ? layout.bigEndian : !layout.bigEndian;
     CHDecodeChunkHeader(raw, layout.is0100, reading.bigEndian, 0, &reading.hdr);
     const CHChunkHdrSpec& hdr = reading.hdr;
-    if (hdr.type == kCHFreeType || hdr.checksum == 0) continue;
+    // The manager stores no type with the top bit set (the free type is
+    // one) and no chunk of 2 GiB or more.
+    if (hdr.type >= kFirstNegativeType || hdr.checksum == 0) continue;
     if (want.checkType && hdr.type != want.type) continue;
     if (want.checkId && hdr.id != want.id) continue;
-    HeaderFit readingFit = hdr.length <= room ? HeaderFit::kFits : HeaderFit::kNames;
+    bool fits = hdr.length <= room && hdr.length <= kMaxChunkLength;
+    HeaderFit readingFit = fits ? HeaderFit::kFits : HeaderFit::kNames;
     bool good = false;
     if (readingFit == HeaderFit::kFits) {
       code = VerifyData(reader, layout, reading, &good);

@@ -18,8 +18,9 @@
 //     data start 512, and both generations are tried; the one under which
 //     more chunks verify wins (the current one on a tie).
 //  2. The file is scanned from the data start at address-step alignment for
-//     chunk headers that verify: a type other than the free type, reserved
-//     words zero, data that fits inside the file, and a matching checksum
+//     chunk headers that verify: a public type (top bit clear, so never the
+//     free type), reserved words zero, data below 2 GiB that fits inside the
+//     file, and a matching checksum
 //     (CHChecksum, or CHEncryptedChecksum for encrypted chunks). Each header
 //     is tried in the file's byte order and then in the other. A verified
 //     chunk moves the scan past its slot. The checksum of data that is
@@ -61,7 +62,7 @@ constexpr int kCHRecoverNewerCopy = 2;      // found by the scan, newer than the
 constexpr int kCHRecoverScanned = 3;        // found by the scan, no usable map at all
 constexpr int kCHRecoverBadChecksum = 10;   // the data does not match its checksum
 constexpr int kCHRecoverWrongChunk = 11;    // the bytes at the map's address name no such chunk
-constexpr int kCHRecoverOutOfFile = 12;     // the map's address or the data lies past the file's end
+constexpr int kCHRecoverOutOfFile = 12;     // the chunk runs past the file's end (or past 2 GiB)
 constexpr int kCHRecoverStale = 13;         // a copy no newer than the base map, which does not use it
 constexpr int kCHRecoverSuperseded = 14;    // a newer copy of the same type and id was kept
 
@@ -98,10 +99,11 @@ class PLINTH_API TCHRecoverReport : public TObject {
 
 // Writes a consistent container recovered from `source` into the empty,
 // writable `target`. 0 when a container was written (which may have lost
-// chunks: see the report); kErrCHInvalid when the source shows neither a
-// usable header nor a single verified chunk (the target is then left
-// untouched); a read or write failure's code otherwise. `report` may be
-// null.
+// chunks: see the report); kErrBadParameter for a missing source, a target
+// that is the source or is not open, writable and empty; kErrCHInvalid when
+// the source shows neither a usable header nor a single verified chunk; a
+// read or write failure's code otherwise. The target is untouched unless
+// writing began. `report` may be null.
 PLINTH_API int CHRecover(TFile* source, TFile* target, TCHRecoverReport* report);
 
 #endif  // PLINTH_STORAGE_CHUNK_RECOVER_H_

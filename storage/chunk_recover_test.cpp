@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <random>
 #include <string>
@@ -13,6 +14,7 @@
 #include "files/tfolderloc.h"
 #include "foundation/errors.h"
 #include "storage/chunk_format.h"
+#include "storage/chunk_manager.h"
 #include "tests/chunk_image.h"
 #include "tests/temp_dir.h"
 #include "tests/test_host.h"
@@ -22,11 +24,13 @@ namespace {
 namespace ci = chunk_image;
 using Key = std::pair<uint32_t, uint64_t>;
 
-// A source whose n-th read fails.
-class TFailingReads : public TFile {
+// A file whose n-th read or n-th write fails.
+class TFaultyFile : public TFile {
  public:
   int failRead = -1;
+  int failWrite = -1;
   int reads = 0;
+  int writes = 0;
   int ReadAt(uint64_t offset, void* buffer, uint32_t* count) override {
     if (reads++ == failRead) {
       *count = 0;
@@ -34,7 +38,76 @@ class TFailingReads : public TFile {
     }
     return TFile::ReadAt(offset, buffer, count);
   }
+  int WriteAt(uint64_t offset, const void* buffer, uint32_t* count) override {
+    if (writes++ == failWrite) {
+      *count = 0;
+      return kErrNoResources;
+    }
+    return TFile::WriteAt(offset, buffer, count);
+  }
 };
+
+// A file that keeps a copy of its contents as they stand when its n-th
+// write begins, with the first half of that write in it when `torn`: what
+// a crash at that moment would leave.
+class TCrashFile : public TFile {
+ public:
+  int crashAt = -1;
+  bool torn = false;
+  int writes = 0;
+  ci::Bytes snapshot;
+  int WriteAt(uint64_t offset, const void* buffer, uint32_t* count) override {
+    if (writes++ == crashAt) {
+      uint64_t length = 0;
+      GetLength(&length);
+      snapshot.assign(length, 0);
+      uint32_t n = static_cast<uint32_t>(length);
+      TFile::ReadAt(0, snapshot.data(), &n);
+      if (torn) {
+        const auto* bytes = static_cast<const uint8_t*>(buffer);
+        uint32_t half = *count / 2;
+        if (snapshot.size() < offset + half) snapshot.resize(offset + half, 0);
+        std::copy(bytes, bytes + half, snapshot.begin() + static_cast<long>(offset));
+      }
+    }
+    return TFile::WriteAt(offset, buffer, count);
+  }
+};
+
+// Chunk contents by public type and id, as the manager sees them.
+using Contents = std::map<std::pair<int, int>, ci::Bytes>;
+
+TMemory* Memory(const ci::Bytes& bytes) {
+  auto* memory = new TMemory;
+  memory->SetSize(bytes.size());
+  if (!bytes.empty()) std::memcpy(memory->MemPtr(), bytes.data(), bytes.size());
+  return memory;
+}
+
+Contents ReadAll(ChunkManager* cm) {
+  Contents out;
+  for (int t = 1; t <= cm->CHCountTypes(); ++t) {
+    int type = cm->CHEnumType(t);
+    for (int k = 1; k <= cm->CHCountChunks(type); ++k) {
+      int id = cm->CHEnumChunk(type, k);
+      TMemory* handle = nullptr;
+      if (cm->CHGetChunk(type, id, &handle, 1) != 0) {
+        ADD_FAILURE() << "can't read " << type << "/" << id;
+        continue;
+      }
+      const auto* bytes = static_cast<const uint8_t*>(handle->MemPtr());
+      out[{type, id}] = ci::Bytes(bytes, bytes + handle->GetSize());
+    }
+  }
+  return out;
+}
+
+ci::Bytes Fill(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  ci::Bytes out(n);
+  for (auto& b : out) b = static_cast<uint8_t>(rng());
+  return out;
+}
 
 class ChunkRecoverTest : public ::testing::Test {
  protected:
@@ -59,6 +132,22 @@ class ChunkRecoverTest : public ::testing::Test {
     return code;
   }
 
+  // ExpectParsedHolds, and the chunk manager opens the result, finds its
+  // map sound and reads the unencrypted chunks back unchanged.
+  void ExpectHolds(const ci::Bytes& result, const std::vector<ci::Chunk>& want);
+
+  // What the manager reads from `bytes`, after it opened them and found
+  // the map sound.
+  Contents ManagerView(const ci::Bytes& bytes) {
+    std::string name = "cm" + std::to_string(m_files++);
+    ci::WriteFile(Path(name), bytes);
+    ChunkManager cm;
+    TFileLoc loc = Loc(name);
+    EXPECT_EQ(0, cm.CHOpen(&loc, kFileOpenRead));
+    EXPECT_EQ(0, cm.CHVerify());
+    return ReadAll(&cm);
+  }
+
   TempDir m_dir;
   TestHost m_host;
   int m_files = 0;
@@ -72,7 +161,7 @@ std::map<Key, ci::Chunk> ByKey(const std::vector<ci::Chunk>& chunks) {
 
 // The result is a consistent container holding exactly `want`, every
 // stored field and byte as in the source.
-void ExpectHolds(const ci::Bytes& result, const std::vector<ci::Chunk>& want) {
+void ExpectParsedHolds(const ci::Bytes& result, const std::vector<ci::Chunk>& want) {
   ci::Parsed parsed = ci::Parse(result);
   ASSERT_EQ("", parsed.error);
   EXPECT_EQ(0u, parsed.unsaved);
@@ -88,6 +177,29 @@ void ExpectHolds(const ci::Bytes& result, const std::vector<ci::Chunk>& want) {
     EXPECT_EQ(it->second.flags, got.flags);
     EXPECT_EQ(it->second.checksum, got.checksum);
   }
+}
+
+void ChunkRecoverTest::ExpectHolds(const ci::Bytes& result, const std::vector<ci::Chunk>& want) {
+  ExpectParsedHolds(result, want);
+  std::string name = "held" + std::to_string(m_files++);
+  ci::WriteFile(Path(name), result);
+  TFile file;
+  ASSERT_EQ(0, file.Open(Loc(name), kFileOpenReadWrite));
+  ChunkManager cm;
+  ASSERT_EQ(0, cm.CHOpenRef(&file));
+  EXPECT_EQ(0, cm.CHVerify());
+  std::map<uint32_t, int> perType;
+  for (const ci::Chunk& c : want) perType[c.type]++;
+  EXPECT_EQ(static_cast<int>(perType.size()), cm.CHCountTypes());
+  for (auto [type, count] : perType) EXPECT_EQ(count, cm.CHCountChunks(static_cast<int>(type)));
+  for (const ci::Chunk& c : want) {
+    if (c.id > 0x7FFFFFFF || (c.flags & kCHFlagEncrypted) != 0) continue;
+    TMemory* handle = nullptr;
+    ASSERT_EQ(0, cm.CHGetChunk(static_cast<int>(c.type), static_cast<int>(c.id), &handle, 1));
+    const auto* bytes = static_cast<const uint8_t*>(handle->MemPtr());
+    EXPECT_TRUE(ci::Bytes(bytes, bytes + handle->GetSize()) == c.data);
+  }
+  cm.CHClose();
 }
 
 std::map<Key, int> Reasons(const std::vector<CHRecoverItemSpec>& items) {
@@ -356,7 +468,8 @@ TEST_F(ChunkRecoverTest, MapEntriesThatLeadNowhere) {
 }
 
 // Cut anywhere, a container recovers to every chunk that lies wholly before
-// the cut (that a scan can prove, once the map is cut), and nothing else; a cut inside the header leaves nothing to find.
+// the cut (that a scan can prove, once the map is cut), and nothing else; a
+// cut inside the header leaves nothing to find.
 TEST_F(ChunkRecoverTest, TruncatedAnywhere) {
   std::vector<ci::Chunk> chunks = ci::RandomChunks(9, 15, 120);
   ci::Bytes intact = ci::Build(&chunks, ci::Options{});
@@ -461,7 +574,8 @@ TEST_F(ChunkRecoverTest, RandomDamageKeepsOnlyTrueData) {
 }
 
 // Encrypted chunks keep the marker even when the header that carried it is
-// lost; refused arguments and failing reads and writes return their codes.
+// lost; refused arguments, and every failing read of the source and write
+// of the target, return their codes.
 TEST_F(ChunkRecoverTest, MarkerArgumentsAndFailures) {
   std::vector<ci::Chunk> chunks = ci::RandomChunks(55, 30);
   chunks[0].flags = 1;
@@ -486,7 +600,7 @@ TEST_F(ChunkRecoverTest, MarkerArgumentsAndFailures) {
   EXPECT_TRUE(ci::ReadFile(Path("full")) == ci::Bytes(3, 1));
 
   for (int n = 0;; ++n) {
-    TFailingReads failing;
+    TFaultyFile failing;
     TFile out;
     ASSERT_EQ(0, failing.Open(Loc("src"), kFileOpenRead));
     std::string name = "out" + std::to_string(n);
@@ -500,6 +614,174 @@ TEST_F(ChunkRecoverTest, MarkerArgumentsAndFailures) {
     EXPECT_EQ(kErrNoResources, code) << n;
     ASSERT_LT(n, 1000);
   }
+  for (int n = 0;; ++n) {
+    TFaultyFile out;
+    std::string name = "failing" + std::to_string(n);
+    ASSERT_EQ(0, out.Open(Loc(name), kFileOpenReadWriteCreate));
+    out.failWrite = n;
+    int code = CHRecover(&in, &out, &report);
+    if (out.writes <= n) {
+      EXPECT_EQ(0, code);
+      break;
+    }
+    EXPECT_EQ(kErrNoResources, code) << n;
+    ASSERT_LT(n, 1000);
+  }
+}
+
+// Containers the manager wrote over several saves (chunks changed, removed
+// and added, a large one among them, old copies left in free space) recover
+// to what the manager last saved; the result takes further saves.
+TEST_F(ChunkRecoverTest, ManagerContainersRecoverToTheLastSave) {
+  TFileLoc loc = Loc("managed");
+  Contents model;
+  {
+    ChunkManager cm;
+    ASSERT_EQ(0, cm.CHOpen(&loc, kFileOpenReadWriteCreate));
+    cm.CHSetEncryptConfigs(1);
+    cm.CHSetConfigPassword(TString(u"secret"));
+    std::mt19937 rng(8);
+    for (int round = 0; round < 3; ++round) {
+      for (int k = 0; k < 12; ++k) {
+        int type = 0x41414141 + static_cast<int>(rng() % 3);
+        int id = 1 + static_cast<int>(rng() % 10);
+        ci::Bytes data = Fill(round == 0 && k == 0 ? 1300 * 1024 : rng() % 900, rng());
+        TMemory* handle = nullptr;
+        if (cm.CHFindChunk(type, id) == 0) {
+          ASSERT_EQ(0, cm.CHAddChunk(Memory(data), type, id));
+          model[{type, id}] = data;
+        } else if (rng() % 3 == 0) {
+          ASSERT_EQ(0, cm.CHGetChunk(type, id, &handle, 1));
+          ASSERT_EQ(0, cm.CHRemoveChunk(handle));
+          delete handle;
+          model.erase({type, id});
+        } else {
+          ASSERT_EQ(0, cm.CHGetChunk(type, id, &handle, 1));
+          handle->SetSize(data.size());
+          if (!data.empty()) std::memcpy(handle->MemPtr(), data.data(), data.size());
+          ASSERT_EQ(0, cm.CHChangedChunk(handle));
+          model[{type, id}] = data;
+        }
+      }
+      ci::Bytes config = Fill(40 + round, round);
+      TMemory* handle = nullptr;
+      if (cm.CHFindChunk(static_cast<int>(kCHConfigTypeA), 1) != 0) {
+        ASSERT_EQ(0, cm.CHGetChunk(static_cast<int>(kCHConfigTypeA), 1, &handle, 1));
+        ASSERT_EQ(0, cm.CHRemoveChunk(handle));
+        delete handle;
+      }
+      ASSERT_EQ(0, cm.CHAddChunk(Memory(config), static_cast<int>(kCHConfigTypeA), 1));
+      model[{static_cast<int>(kCHConfigTypeA), 1}] = config;
+      ASSERT_EQ(0, cm.CHSave(0));
+    }
+  }
+  ci::Bytes source = ci::ReadFile(Path("managed"));
+  TCHRecoverReport report;
+  ci::Bytes result;
+  ASSERT_EQ(0, Recover(source, &report, &result));
+  EXPECT_EQ(model.size(), report.kept.size());
+  for (const CHRecoverItemSpec& item : report.kept) EXPECT_EQ(kCHRecoverFromMap, item.reason);
+  for (const CHRecoverItemSpec& item : report.dropped) EXPECT_EQ(kCHRecoverStale, item.reason);
+  EXPECT_EQ(kCHEncryptionMarker, ci::Parse(result).encryption);
+
+  ci::WriteFile(Path("recovered"), result);
+  TFileLoc recovered = Loc("recovered");
+  ChunkManager cm;
+  ASSERT_EQ(0, cm.CHOpen(&recovered, kFileOpenReadWrite));
+  cm.CHSetConfigPassword(TString(u"secret"));
+  EXPECT_EQ(0, cm.CHVerify());
+  EXPECT_TRUE(ReadAll(&cm) == model);
+  ci::Bytes more = Fill(333, 4);
+  ASSERT_EQ(0, cm.CHAddChunk(Memory(more), 0x41414141, 77));
+  model[{0x41414141, 77}] = more;
+  ASSERT_EQ(0, cm.CHSave(0));
+  EXPECT_EQ(0, cm.CHVerify());
+  cm.CHClose();
+  ASSERT_EQ(0, cm.CHOpen(&recovered, kFileOpenRead));
+  cm.CHSetConfigPassword(TString(u"secret"));
+  EXPECT_TRUE(ReadAll(&cm) == model);
+}
+
+// A manager save cut short before each of its writes in turn, whole or
+// torn halfway (a crash, not an error the manager could answer), leaves a
+// file that CHRecover turns into a container the manager accepts, holding
+// for every chunk either its saved or its new contents; once the new
+// chunks are on disk they win, and once the new map is, the result is the
+// new state.
+TEST_F(ChunkRecoverTest, ManagerSaveCutShortAtEveryWrite) {
+  const int kT = 0x54455354;
+  Contents before;
+  {
+    TFileLoc loc = Loc("base");
+    ChunkManager cm;
+    ASSERT_EQ(0, cm.CHOpen(&loc, kFileOpenReadWriteCreate));
+    for (int id = 1; id <= 8; ++id) {
+      before[{kT, id}] = Fill(100 * id, id);
+      ASSERT_EQ(0, cm.CHAddChunk(Memory(before[{kT, id}]), kT, id));
+    }
+    ASSERT_EQ(0, cm.CHSave(0));
+  }
+  ci::Bytes base = ci::ReadFile(Path("base"));
+  Contents after = before;
+  after[{kT, 2}] = Fill(50, 20);
+  after[{kT, 9}] = Fill(700, 21);
+  after.erase({kT, 5});
+
+  int total = -1;
+  for (int n = 0; total < 0 || n < 2 * total; ++n) {
+    std::string name = "cut" + std::to_string(n);
+    ci::WriteFile(Path(name), base);
+    TCrashFile file;
+    ASSERT_EQ(0, file.Open(Loc(name), kFileOpenReadWrite));
+    file.crashAt = total < 0 ? -1 : n / 2;
+    file.torn = n % 2 == 1;
+    {
+      ChunkManager cm;
+      ASSERT_EQ(0, cm.CHOpenRef(&file));
+      TMemory* handle = nullptr;
+      ASSERT_EQ(0, cm.CHGetChunk(kT, 2, &handle, 1));
+      handle->SetSize(50);
+      std::memcpy(handle->MemPtr(), after[{kT, 2}].data(), 50);
+      ASSERT_EQ(0, cm.CHChangedChunk(handle));
+      ASSERT_EQ(0, cm.CHAddChunk(Memory(after[{kT, 9}]), kT, 9));
+      ASSERT_EQ(0, cm.CHGetChunk(kT, 5, &handle, 1));
+      ASSERT_EQ(0, cm.CHRemoveChunk(handle));
+      delete handle;
+      ASSERT_EQ(0, cm.CHSave(0));
+    }
+    file.Close();
+    if (total < 0) {  // the first pass counts the writes of a whole save
+      total = file.writes;
+      n = -1;
+      continue;
+    }
+    int at = n / 2;
+    TCHRecoverReport report;
+    ci::Bytes result;
+    ASSERT_EQ(0, Recover(file.snapshot, &report, &result));
+    Contents held = ManagerView(result);
+    for (int id = 1; id <= 9; ++id) {
+      auto h = held.find({kT, id});
+      auto b = before.find({kT, id});
+      auto a = after.find({kT, id});
+      bool asBefore = h == held.end() ? b == before.end() : b != before.end() && h->second == b->second;
+      bool asAfter = h == held.end() ? a == after.end() : a != after.end() && h->second == a->second;
+      EXPECT_TRUE(asBefore || asAfter) << "write " << at << ", chunk " << id;
+    }
+    if (at == 0) {
+      EXPECT_TRUE(held == before);
+    }
+    // The last three writes are the map, the header and the marker.
+    if (at >= total - 3) {
+      EXPECT_TRUE((held[{kT, 2}] == after[{kT, 2}])) << at;
+      EXPECT_TRUE((held[{kT, 9}] == after[{kT, 9}])) << at;
+    }
+    if (at >= total - 2 || (at == total - 3 && file.torn)) {
+      // A torn map does not verify; a whole one is the base.
+      EXPECT_EQ(at >= total - 2, held == after) << at;
+    }
+  }
+  EXPECT_GE(total, 4);
 }
 
 }  // namespace

@@ -13,8 +13,10 @@ namespace {
 
 // One TFile transfer moves less than 4 GiB; larger data goes in pieces.
 constexpr uint64_t kWritePiece = uint64_t{1} << 30;
-// Chunks beyond this could not be addressed once their slot is rounded.
-constexpr uint64_t kMaxStoredLength = uint64_t{1} << 60;
+// Chunk data is held in TMemory handles, whose sizes are below 2 GiB.
+constexpr uint64_t kMaxStoredLength = 0x7FFFFFFF;
+// Public types are non-negative; the free type is the only one above.
+constexpr uint32_t kFirstNegativeType = 0x80000000;
 constexpr uint64_t kUnsavedOffset = 32;
 
 }  // namespace
@@ -91,7 +93,7 @@ int TCHSequentialWriter::Begin() {
 
 int TCHSequentialWriter::AddChunk(const CHChunkHdrSpec& header, const unsigned char* data) {
   if (m_state != State::kOpen) return OutOfOrder(u"TCHSequentialWriter::AddChunk");
-  if (header.type == kCHFreeType || header.type == kCHMapType) {
+  if (header.type >= kFirstNegativeType || header.type == kCHMapType) {
     LogLineChecked(517, u"TCHSequentialWriter::AddChunk: reserved type 0x%X, %E", header.type, kErrBadParameter);
     return kErrBadParameter;
   }

@@ -64,8 +64,9 @@ class PLINTH_API TCHSequentialWriter : public TObject {
   // writable and empty (else kErrBadParameter).
   int Begin();
   // Appends one chunk; `data` holds header.length stored bytes (may be null
-  // when the length is 0). Refuses the free type, the map type
-  // (kErrBadParameter) and a type and id already added (kErrCHDuplicate).
+  // when the length is 0; at most 0x7FFFFFFF). Refuses the map type and
+  // types with the top bit set, the free type among them (kErrBadParameter),
+  // and a type and id already added (kErrCHDuplicate).
   int AddChunk(const CHChunkHdrSpec& header, const unsigned char* data);
   // Writes the map and the header and clears the unsaved marker; `flags`
   // kCHSaveNoSync (chunk_manager.h) leaves the syncs out.

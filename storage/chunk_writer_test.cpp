@@ -182,7 +182,7 @@ TEST_F(ChunkWriterTest, RefusalsLeaveTheFileAlone) {
   auto lines = m_host.LinesWithFormat("TCHSequentialWriter::AddChunk: duplicate ID, type 0x%X, id = %~lu, %E");
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(517u, lines[0].selector);
-  for (uint32_t reserved : {kCHFreeType, kCHMapType}) {
+  for (uint32_t reserved : {kCHFreeType, kCHMapType, 0x80000000u, 0xFFFFFFFEu}) {
     ci::Chunk c;
     c.type = reserved;
     c.id = 1;
@@ -193,6 +193,8 @@ TEST_F(ChunkWriterTest, RefusalsLeaveTheFileAlone) {
   missing.data.resize(10);
   CHChunkHdrSpec h = HeaderOf(missing);
   EXPECT_EQ(kErrBadParameter, writer.AddChunk(h, nullptr));
+  h.length = 0x80000000u;
+  EXPECT_EQ(kErrBadParameter, writer.AddChunk(h, missing.data.data()));
   uint64_t after = 0;
   file.GetLength(&after);
   EXPECT_EQ(before, after);

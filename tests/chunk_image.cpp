@@ -358,7 +358,7 @@ Parsed Parse(const Bytes& f) {
 
 std::vector<Chunk> RandomChunks(uint32_t seed, size_t count, size_t maxLength, uint64_t maxGeneration) {
   std::mt19937 rng(seed);
-  const uint32_t types[] = {0, 1, 7, 0x54594345, 0x7FFFFFFF, 0x80000000, 0xC0000001, 0xFFFFFFFE};
+  const uint32_t types[] = {0, 1, 7, 0x43684D6F, 0x43684D71, 0x54594345, 0x7FFFFFFE, 0x7FFFFFFF};
   std::set<std::pair<uint32_t, uint64_t>> used;
   std::vector<Chunk> chunks;
   while (chunks.size() < count) {

@@ -88,8 +88,9 @@ struct Parsed {
 // tile the space from 512 to the end of space with slack below 4.
 Parsed Parse(const Bytes& file);
 
-// `count` chunks with distinct type and id, types spread over the whole
-// unsigned range, some empty and some flagged encrypted, data of up to
+// `count` chunks with distinct type and id, types on either side of the
+// map's type and up to the largest public one, some empty and some flagged
+// encrypted, data of up to
 // `maxLength` bytes, generations up to `maxGeneration`; checksums filled.
 std::vector<Chunk> RandomChunks(uint32_t seed, size_t count, size_t maxLength = 300, uint64_t maxGeneration = 8);
 
