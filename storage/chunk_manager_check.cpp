@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "foundation/format_checked.h"
 #include "foundation/log.h"
 #include "storage/chunk_manager.h"
 
