@@ -153,48 +153,58 @@ class PLINTH_API ChunkManager : public TObject {
     std::unique_ptr<TMemory> handle;
     uint32_t type = 0;
     uint64_t id = 0;
-    bool changed = false;  // to be written at the next save
-    bool loaded = false;   // holds the chunk's data
+    bool changed = false;   // to be written at the next save
+    bool loaded = false;    // holds the chunk's data
+    uint32_t loadedSize = 0;
+  };
+  struct ExtentSpec {
+    int64_t address;
+    int64_t length;
   };
   using ChunkKey = std::pair<uint32_t, uint64_t>;
 
   void Reset();
   int DoOpen();
   int ReadMap();
-  int EnsureMap();
+  void RebuildIndexes();
+  int Refuse(const char16_t* operation);
 
-  // Map organisation.
-  int FindEntry(uint32_t type, uint64_t id, bool* found) const;
+  // Map organisation (chunk_manager_map.cpp).
   int GroupHead(uint32_t type, bool* found) const;
+  int FindEntry(uint32_t type, uint64_t id, bool* found) const;
   int InsertEntry(const CHMapEntrySpec& entry);
   void DeleteEntry(int index);
-  void MapChanged();
-  int64_t SlotLength(int index) const;
+  int EnsureCapacity(int extra);
   int64_t SlotLengthAt(int64_t address) const;
-  void AddressAdd(int64_t address);
-  void AddressRemove(int64_t address);
-
+  int64_t StoredLength(int index) const;
   // Space.
   int FreeSlot(int index);
   int AddFreeExtent(int64_t address, int64_t length);
-  int FindSpace(int64_t need, bool take, int64_t* address, int64_t* granted, bool* tail);
+  int AdoptTail();
+  int FindSpace(int64_t need, bool take, int64_t* address, int64_t* granted);
   int AllocateSlot(uint32_t type, uint64_t id, int64_t need);
 
-  // Transfers.
+  // Transfers (chunk_manager_io.cpp).
   int MarkUnsaved();
-  int WriteHeader();
+  int WriteAtChecked(uint64_t offset, const void* data, uint64_t length, const char16_t* operation);
   int SyncIfDurable();
-  int WriteChunk(uint32_t type, uint64_t id, const unsigned char* data, uint64_t length);
-  int ReadChunkData(int index, TMemory* out, const char16_t* operation);
+  int EncodeStored(uint32_t type, uint64_t id, TMemory* handle, std::vector<unsigned char>* stored,
+                   CHChunkHdrSpec* header);
+  int WriteChunk(LoadedChunk* chunk);
+  int FlushBatch();
+  int ReadStored(int index, std::vector<unsigned char>* stored, CHChunkHdrSpec* header);
+  int ReadChunk(int index, TMemory* out);
   int WriteMap();
-  int DoGetChunk(int type, int id, TMemory** handle, int load);
+  int ClearMarker();
+  int SaveSteps();
+  int AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory> handle);
 
   // Loaded-chunk table.
   LoadedChunk* FindLoaded(TMemory* handle);
-  int Unknown(const char16_t* message, bool withCode);
+  void DropLoaded(bool keepSaved);
 
-  // Map check.
-  int MapCheck();
+  // Map check (chunk_manager_check.cpp).
+  int MapCheck(bool quiet, bool handles) const;
 
   TFile* m_file = nullptr;
   std::unique_ptr<TFile> m_ownedFile;
@@ -202,14 +212,21 @@ class PLINTH_API ChunkManager : public TObject {
   bool m_createdNew = false;
   bool m_locked = false;
   bool m_markerOnDisk = false;
+  bool m_mapDamaged = false;
   uint64_t m_physicalLength = 0;
   int m_openStatus = 0;
 
   int32_t m_mapCount = 0;
   std::vector<CHMapEntrySpec> m_map;
-  // Addresses of every entry with a place on disk (chunks, free extents,
-  // the map), for slot lengths.
+  // Addresses of every slot and extent, pending ones included, for slot
+  // lengths.
   std::set<int64_t> m_addresses;
+  // Slots the last save's map refers to: never written over before the next
+  // save commits, so the saved state survives any failure.
+  std::set<int64_t> m_savedSlots;
+  // Saved slots given up since the save; they become free extents once the
+  // next save's map has been placed.
+  std::vector<ExtentSpec> m_pending;
   std::unordered_map<TMemory*, LoadedChunk> m_loaded;
   std::map<ChunkKey, TMemory*> m_loadedByKey;
 
@@ -221,8 +238,11 @@ class PLINTH_API ChunkManager : public TObject {
   uint64_t m_generation = 0;  // of the last save
   int m_saveFlags = 0;
 
+  // Chunk writes of a save, gathered while their slots follow each other.
+  std::vector<unsigned char> m_batch;
+  uint64_t m_batchStart = 0;
+
   TString m_configPassword;
-  bool m_encryptConfigs = false;
   int m_load = 1;
 };
 

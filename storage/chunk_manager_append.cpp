@@ -1,0 +1,87 @@
+// A container added to another one.
+#include <new>
+#include <vector>
+
+#include "foundation/log.h"
+#include "storage/chunk_manager.h"
+
+int ChunkManager::AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory> handle) {
+  CHMapEntrySpec entry{};
+  entry.type = type;
+  entry.id = id;
+  int status = InsertEntry(entry);
+  if (status != 0) return status;
+  TMemory* raw = handle.get();
+  try {
+    LoadedChunk& chunk = m_loaded[raw];
+    chunk.handle = std::move(handle);
+    chunk.type = type;
+    chunk.id = id;
+    chunk.changed = true;
+    chunk.loaded = true;
+    chunk.loadedSize = raw->GetSize();
+    m_loadedByKey[{type, id}] = raw;
+  } catch (const std::bad_alloc&) {
+    m_loaded.erase(raw);
+    bool found = false;
+    DeleteEntry(FindEntry(type, id, &found));
+    LogLine(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
+    return kErrMemOutOfMemory;
+  }
+  return 0;
+}
+
+int ChunkManager::CHAppend(TFile* target) {
+  if (m_file == nullptr) return Refuse(u"CHAppend");
+  if (target == nullptr || target == m_file) {
+    LogLine(517, u"CHAppend: no file to write to, %E", kErrBadParameter);
+    return kErrBadParameter;
+  }
+  ChunkManager other;
+  int status = other.CHOpenRef(target);
+  if (status != 0) return status;
+  other.m_configPassword = m_configPassword;
+  // Every name is checked before anything is added.
+  for (int i = 0; i < m_mapCount; i += 1 + static_cast<int>(m_map[i].id)) {
+    uint32_t type = m_map[i].type;
+    if (type == kCHFreeType || type == kCHMapType) continue;
+    for (int k = 1; k <= static_cast<int>(m_map[i].id); ++k) {
+      bool found = false;
+      other.FindEntry(type, m_map[i + k].id, &found);
+      if (found) {
+        LogLine(517, u"CHAppend: duplicate ID, type %Y, id = %Y", type, m_map[i + k].id);
+        return kErrCHDuplicate;
+      }
+    }
+  }
+  for (int i = 0; i < m_mapCount; i += 1 + static_cast<int>(m_map[i].id)) {
+    uint32_t type = m_map[i].type;
+    if (type == kCHFreeType || type == kCHMapType) continue;
+    for (int k = 1; k <= static_cast<int>(m_map[i].id); ++k) {
+      uint64_t id = m_map[i + k].id;
+      std::unique_ptr<TMemory> copy;
+      try {
+        copy = std::make_unique<TMemory>();
+      } catch (const std::bad_alloc&) {
+        LogLine(517, u"CHAppend: can't allocate move buffer");
+        return kErrMemOutOfMemory;
+      }
+      auto known = m_loadedByKey.find({type, id});
+      if (known != m_loadedByKey.end() && m_loaded[known->second].loaded) {
+        *copy = *known->second;
+        status = copy->CheckError();
+      } else {
+        status = ReadChunk(i + k, copy.get());
+      }
+      if (status != 0) {
+        LogLine(517, u"CHAppend: can't find map index for first chunk");
+        return status;
+      }
+      status = other.AddLoaded(type, id, std::move(copy));
+      if (status != 0) return status;
+    }
+  }
+  status = other.CHSave(0);
+  if (status != 0 && other.m_is0100) LogLine(517, u"CHAppend: can't convert to 0100 map, %E", status);
+  return status;
+}
