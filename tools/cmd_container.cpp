@@ -372,11 +372,33 @@ int Compact(const std::string& file, const std::string& newFile) {
   return 0;
 }
 
+const char* ReasonText(int reason) {
+  switch (reason) {
+    case kCHRecoverFromMap:
+      return "named by the map";
+    case kCHRecoverNewerCopy:
+      return "newer than the map";
+    case kCHRecoverScanned:
+      return "found without a map";
+    case kCHRecoverBadChecksum:
+      return "bad checksum";
+    case kCHRecoverWrongChunk:
+      return "another chunk at its address";
+    case kCHRecoverOutOfFile:
+      return "past the end of the file";
+    case kCHRecoverStale:
+      return "stale copy";
+    case kCHRecoverSuperseded:
+      return "superseded by a newer copy";
+    default:
+      return "unknown reason";
+  }
+}
+
 void PrintItem(const char* verdict, const CHRecoverItemSpec& item) {
-  std::printf("%-7s %-15s %11" PRIu64 " %12" PRId64 " %10" PRIu64 " %10" PRIu64 "  %s\n", verdict,
-              TypeName(static_cast<int>(item.type)).c_str(), static_cast<uint64_t>(item.id),
-              static_cast<int64_t>(item.address), static_cast<uint64_t>(item.length),
-              static_cast<uint64_t>(item.generation), TStringAsString(item.reason).c_str());
+  std::printf("%-7s %-15s %11d %12" PRId64 " %10" PRIu64 " %10" PRIu64 "  %s\n", verdict,
+              TypeName(static_cast<int>(item.type)).c_str(), static_cast<int>(static_cast<uint32_t>(item.id)),
+              item.address, item.length, item.generation, ReasonText(item.reason));
 }
 
 int Recover(const std::string& file, const std::string& newFile) {
@@ -389,6 +411,12 @@ int Recover(const std::string& file, const std::string& newFile) {
   TCHRecoverReport report;
   if ((rc = CHRecover(&source, &target, &report)) != 0) return FailTarget("recover into", newFile, rc, &target, made);
   if ((rc = Finish(&target, newFile, made)) != 0) return rc;
+  if (report.mapFound) {
+    std::printf("base map at %" PRId64 ", generation %" PRIu64 "; new map generation %" PRIu64 "\n", report.mapAddress,
+                report.mapGeneration, report.newGeneration);
+  } else {
+    std::printf("no usable map: chunks found by scanning; new map generation %" PRIu64 "\n", report.newGeneration);
+  }
   std::printf("%-7s %-15s %11s %12s %10s %10s  %s\n", "", "TYPE", "ID", "ADDRESS", "LENGTH", "GENERATION", "REASON");
   for (const CHRecoverItemSpec& item : report.kept) PrintItem("kept", item);
   for (const CHRecoverItemSpec& item : report.dropped) PrintItem("dropped", item);
