@@ -23,6 +23,8 @@ platform::FileOpenMode PlatformMode(TFileOpenMode mode) {
 
 }  // namespace
 
+TFile::TFile() = default;
+
 TFile::~TFile() { Close(); }
 
 int TFile::Refuse(const char16_t* format) {

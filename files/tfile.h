@@ -40,7 +40,9 @@ enum TFileOpenMode {
 
 class PLINTH_API TFile : public TObject {
  public:
-  TFile() = default;
+  // Out of line, like the destructor: the descriptor under a TFile is the
+  // library's own, so a host that makes one must not reach it inline.
+  TFile();
   virtual ~TFile();
   TFile(const TFile&) = delete;
   TFile& operator=(const TFile&) = delete;

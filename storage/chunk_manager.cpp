@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "foundation/format_checked.h"
 #include "foundation/hooks.h"
 #include "foundation/log.h"
 
@@ -48,18 +49,19 @@ void ChunkManager::Reset() {
   m_bigEndian = false;
   m_chunkHdrSize = kCHChunkHdrSize;
   m_generation = 0;
+  m_writeBase = 0;
 }
 
 int ChunkManager::CHOpen(TFileLoc* loc, int mode) {
   CHClose();
   if (loc == nullptr || mode < kFileOpenRead || mode > kFileOpenCreateNew) {
-    LogLine(517, u"CHOpen: bad location or mode, %E", kErrBadParameter);
+    LogLineChecked(517, u"CHOpen: bad location or mode, %E", kErrBadParameter);
     return m_openStatus = kErrBadParameter;
   }
   auto file = std::make_unique<TFile>();
   int status = file->Open(*loc, static_cast<TFileOpenMode>(mode));
   if (status != 0) {
-    LogLine(517, u"chDoOpen: memory allocation or file access failed, %E", status);
+    LogLineChecked(517, u"chDoOpen: memory allocation or file access failed, %E", status);
     return m_openStatus = status;
   }
   status = CHOpenRef(file.get());
@@ -71,7 +73,7 @@ int ChunkManager::CHOpen(TFileLoc* loc, int mode) {
 int ChunkManager::CHOpenRef(TFile* file) {
   CHClose();
   if (file == nullptr || !file->IsOpen()) {
-    LogLine(517, u"chDoOpen: memory allocation or file access failed, %E", kErrBadParameter);
+    LogLineChecked(517, u"chDoOpen: memory allocation or file access failed, %E", kErrBadParameter);
     return m_openStatus = kErrBadParameter;
   }
   m_file = file;
@@ -85,7 +87,7 @@ int ChunkManager::DoOpen() {
   uint64_t length = 0;
   int status = m_file->GetLength(&length);
   if (status != 0) {
-    LogLine(517, u"chDoOpen: can't read from file, %E", status);
+    LogLineChecked(517, u"chDoOpen: can't read from file, %E", status);
     return kErrCHUnreadable;
   }
   m_physicalLength = length;
@@ -93,7 +95,7 @@ int ChunkManager::DoOpen() {
   if (m_file->GetLoc().IsValid() && m_file->GetLoc().IsWriteLocked(&locked) == 0) m_locked = locked;
   if (length == 0) {
     if (!m_file->IsWritable()) {
-      LogLine(517, u"chDoOpen: can't read from file, %E", kErrEndOfFile);
+      LogLineChecked(517, u"chDoOpen: can't read from file, %E", kErrEndOfFile);
       return kErrCHUnreadable;
     }
     CHNewFileHeader(&m_header);
@@ -108,22 +110,22 @@ int ChunkManager::DoOpen() {
   uint32_t count = kCHFileHeaderSize;
   status = m_file->ReadAt(0, bytes, &count);
   if (status == kErrEndOfFile) {
-    LogLine(517, u"chDoOpen: invalid file, %E", status);
+    LogLineChecked(517, u"chDoOpen: invalid file, %E", status);
     return kErrCHUnreadable;
   }
   if (status != 0) {
-    LogLine(517, u"chDoOpen: can't read from file, %E", status);
+    LogLineChecked(517, u"chDoOpen: can't read from file, %E", status);
     return kErrCHUnreadable;
   }
   status = CHDecodeFileHeader(bytes, &m_header, &m_bigEndian);
   if (status != 0) {
-    LogLine(517, u"chDoOpen: invalid file, %E", status);
+    LogLineChecked(517, u"chDoOpen: invalid file, %E", status);
     return kErrCHInvalid;
   }
   m_is0100 = m_header.writer == kCHVersion0100;
   m_chunkHdrSize = CHChunkHdrSizeOf(m_is0100);
   if (m_header.unsaved != 0) {
-    LogLine(517, u"chDoOpen: file was not fully saved");
+    LogLineChecked(517, u"chDoOpen: file was not fully saved");
     return kErrCHNotSaved;
   }
   m_savedHeader = m_header;
@@ -136,7 +138,7 @@ int ChunkManager::ReadMap() {
   m_generation = 0;
   if (m_header.mapLength >= kCHMapLengthLimit) {
     Debug("chunkmanager", 160, 0);
-    LogLine(517, u"chReadMap: bad map");
+    LogLineChecked(517, u"chReadMap: bad map");
     return kErrCHBadMap;
   }
   if (m_header.mapLength == 0) {
@@ -146,7 +148,7 @@ int ChunkManager::ReadMap() {
   size_t entrySize = CHMapEntrySizeOf(m_is0100);
   if (m_header.mapLength < m_chunkHdrSize || m_header.mapAddress > m_physicalLength ||
       m_header.mapLength > m_physicalLength - m_header.mapAddress) {
-    LogLine(517, u"chReadMap: bad map");
+    LogLineChecked(517, u"chReadMap: bad map");
     return kErrCHBadMap;
   }
   std::vector<unsigned char> raw;
@@ -159,14 +161,14 @@ int ChunkManager::ReadMap() {
   uint32_t count = static_cast<uint32_t>(raw.size());
   int status = m_file->ReadAt(m_header.mapAddress, raw.data(), &count);
   if (status != 0) {
-    LogLine(517, u"chReadMap: bad map");
+    LogLineChecked(517, u"chReadMap: bad map");
     return kErrCHBadMap;
   }
   CHChunkHdrSpec header;
   uint64_t entriesBytes = m_header.mapLength - m_chunkHdrSize;
   if (!CHDecodeChunkHeader(raw.data(), m_is0100, m_bigEndian, kCHMapType, &header) || header.length > entriesBytes ||
       CHChecksum(raw.data() + m_chunkHdrSize, header.length) != header.checksum) {
-    LogLine(517, u"chReadMap: bad map");
+    LogLineChecked(517, u"chReadMap: bad map");
     return kErrCHBadMap;
   }
   size_t entries = entriesBytes / entrySize;
@@ -179,19 +181,20 @@ int ChunkManager::ReadMap() {
   CHDecodeMapEntries(raw.data() + m_chunkHdrSize, entries, m_is0100, m_bigEndian, m_map.data());
   m_mapCount = static_cast<int32_t>(entries);
   m_generation = header.generation;
+  m_writeBase = std::max(m_writeBase, m_generation);
   // The lookups walk the groups by their counts; a map whose counts do not
   // add up is refused rather than walked.
   for (int i = 0; i < m_mapCount;) {
     const CHMapEntrySpec& head = m_map[i];
     if (head.address != kCHGroupHeadAddress || head.id == 0 ||
         head.id > static_cast<uint64_t>(m_mapCount - i - 1)) {
-      LogLine(517, u"chReadMap: bad map");
+      LogLineChecked(517, u"chReadMap: bad map");
       m_mapCount = 0;
       return kErrCHBadMap;
     }
     for (uint64_t k = 1; k <= head.id; ++k) {
       if (m_map[i + k].type != head.type) {
-        LogLine(517, u"chReadMap: bad map");
+        LogLineChecked(517, u"chReadMap: bad map");
         m_mapCount = 0;
         return kErrCHBadMap;
       }
@@ -232,10 +235,12 @@ int ChunkManager::CHClose() {
 
 int ChunkManager::Refuse(const char16_t* operation) {
   if (m_file == nullptr) {
-    LogLine(517, u"%s: container is not open, %E", operation, kErrNotPossible);
+    TString name(operation);
+    LogLineChecked(517, u"%s: container is not open, %E", &name, kErrNotPossible);
     return kErrNotPossible;
   }
-  LogLine(517, u"%s: map is damaged, %E", operation, kErrCHBadMap);
+  TString name(operation);
+  LogLineChecked(517, u"%s: map is damaged, %E", &name, kErrCHBadMap);
   return kErrCHBadMap;
 }
 
@@ -321,7 +326,7 @@ int64_t ChunkManager::CHChunkSize(int type, int id) {
   bool found = false;
   int index = IsPublicType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
   if (!found) {
-    LogLine(517, u"CHChunkSize: can't find type/id");
+    LogLineChecked(517, u"CHChunkSize: can't find type/id");
     return kErrNotFound;
   }
   auto loaded = m_loadedByKey.find({static_cast<uint32_t>(type), static_cast<uint32_t>(id)});
@@ -336,12 +341,12 @@ int ChunkManager::CHPhysInfo(int type, int id, int64_t* address, int64_t* length
   bool found = false;
   int index = IsPublicType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
   if (!found) {
-    LogLine(517, u"CHPhysInfo: can't find type/id");
+    LogLineChecked(517, u"CHPhysInfo: can't find type/id");
     return kErrNotFound;
   }
   auto loaded = m_loadedByKey.find({static_cast<uint32_t>(type), static_cast<uint32_t>(id)});
   if ((loaded != m_loadedByKey.end() && m_loaded[loaded->second].changed) || m_map[index].address < 1) {
-    LogLine(517, u"CHPhysInfo: chunk is dirty");
+    LogLineChecked(517, u"CHPhysInfo: chunk is dirty");
     return kErrNotPossible;
   }
   if (address != nullptr) *address = m_map[index].address;
@@ -356,7 +361,7 @@ ChunkManager::LoadedChunk* ChunkManager::FindLoaded(TMemory* handle) {
 
 int ChunkManager::CHGetChunk(int type, int id, TMemory** handle, int load) {
   if (handle == nullptr) {
-    LogLine(517, u"chDoGetChunk: no place for the handle, %E", kErrBadParameter);
+    LogLineChecked(517, u"chDoGetChunk: no place for the handle, %E", kErrBadParameter);
     return kErrBadParameter;
   }
   *handle = nullptr;
@@ -364,7 +369,7 @@ int ChunkManager::CHGetChunk(int type, int id, TMemory** handle, int load) {
   bool found = false;
   int index = IsPublicType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
   if (!found) {
-    LogLine(517, u"chDoGetChunk: can't find type/id, %E", kErrNotFound);
+    LogLineChecked(517, u"chDoGetChunk: can't find type/id, %E", kErrNotFound);
     return kErrNotFound;
   }
   bool wantData = load < 0 ? m_load != 0 : load != 0;
@@ -397,7 +402,7 @@ int ChunkManager::CHGetChunk(int type, int id, TMemory** handle, int load) {
     m_loadedByKey[key] = raw;
   } catch (const std::bad_alloc&) {
     m_loaded.erase(raw);
-    LogLine(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
+    LogLineChecked(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }
   *handle = raw;
@@ -407,11 +412,11 @@ int ChunkManager::CHGetChunk(int type, int id, TMemory** handle, int load) {
 int ChunkManager::CHAddChunk(TMemory* handle, int type, int id) {
   if (m_file == nullptr) return Refuse(u"CHAddChunk");
   if (handle != nullptr && handle->GetSize() > kMaxChunkData) {
-    LogLine(517, u"CHAddChunk: invalid handle size, %~d", static_cast<int64_t>(handle->GetSize()));
+    LogLineChecked(517, u"CHAddChunk: invalid handle size, %~d", static_cast<int>(handle->GetSize()));
     return kErrBadParameter;
   }
   if (handle == nullptr || !IsPublicType(type) || FindLoaded(handle) != nullptr) {
-    LogLine(517, u"CHAddChunk: invalid type %Y or handle already refers to a chunk", type);
+    LogLineChecked(517, u"CHAddChunk: invalid type %Y or handle already refers to a chunk", type);
     return kErrBadParameter;
   }
   if (m_mapDamaged) return Refuse(u"CHAddChunk");
@@ -437,7 +442,7 @@ int ChunkManager::CHAddChunk(TMemory* handle, int type, int id) {
     }
     bool found = false;
     DeleteEntry(FindEntry(entry.type, entry.id, &found));
-    LogLine(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
+    LogLineChecked(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }
   return 0;
@@ -446,7 +451,7 @@ int ChunkManager::CHAddChunk(TMemory* handle, int type, int id) {
 int ChunkManager::CHChangedChunk(TMemory* handle) {
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHChangedChunk: handle doesn't refer to a chunk");
+    LogLineChecked(517, u"CHChangedChunk: handle doesn't refer to a chunk");
     return kErrInvalidHandle;
   }
   if (m_mapDamaged) return Refuse(u"CHChangedChunk");
@@ -459,7 +464,7 @@ int ChunkManager::CHChangedChunk(TMemory* handle) {
 int ChunkManager::CHStoreChunk(TMemory* handle) {
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHStoreChunk: handle doesn't refer to a chunk");
+    LogLineChecked(517, u"CHStoreChunk: handle doesn't refer to a chunk");
     return kErrInvalidHandle;
   }
   if (m_mapDamaged) return Refuse(u"CHStoreChunk");
@@ -475,13 +480,13 @@ int ChunkManager::CHStoreChunk(TMemory* handle) {
 int ChunkManager::CHLoadChunk(TMemory* handle) {
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHLoadChunk: handle doesn't refer to a chunk, %E", kErrInvalidHandle);
+    LogLineChecked(517, u"CHLoadChunk: handle doesn't refer to a chunk, %E", kErrInvalidHandle);
     return kErrInvalidHandle;
   }
   bool found = false;
   int index = FindEntry(chunk->type, chunk->id, &found);
   if (!found || m_map[index].address < 1) {
-    LogLine(517, u"CHLoadChunk: chunk has no stored data, %E", kErrNotPossible);
+    LogLineChecked(517, u"CHLoadChunk: chunk has no stored data, %E", kErrNotPossible);
     return kErrNotPossible;
   }
   int status = ReadChunk(index, handle);
@@ -495,7 +500,7 @@ int ChunkManager::CHLoadChunk(TMemory* handle) {
 int ChunkManager::CHDetachChunk(TMemory* handle) {
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHDetachChunk: handle doesn't refer to a chunk, %E", kErrInvalidHandle);
+    LogLineChecked(517, u"CHDetachChunk: handle doesn't refer to a chunk, %E", kErrInvalidHandle);
     return kErrInvalidHandle;
   }
   // A changed chunk is written first: its data would otherwise leave with
@@ -513,7 +518,7 @@ int ChunkManager::CHDetachChunk(TMemory* handle) {
 int ChunkManager::CHRemoveChunk(TMemory* handle) {
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHRemoveChunk: handle doesn't refer to a chunk");
+    LogLineChecked(517, u"CHRemoveChunk: handle doesn't refer to a chunk");
     return kErrInvalidHandle;
   }
   if (m_mapDamaged) return Refuse(u"CHRemoveChunk");
@@ -535,7 +540,7 @@ int ChunkManager::CHRemoveChunk(TMemory* handle) {
 int ChunkManager::CHGetInfo(TMemory* handle, int* type, int* id) {
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHGetInfo: handle doesn't refer to a chunk, %E", kErrInvalidHandle);
+    LogLineChecked(517, u"CHGetInfo: handle doesn't refer to a chunk, %E", kErrInvalidHandle);
     return kErrInvalidHandle;
   }
   if (type != nullptr) *type = static_cast<int>(chunk->type);
@@ -545,16 +550,16 @@ int ChunkManager::CHGetInfo(TMemory* handle, int* type, int* id) {
 
 int ChunkManager::CHSetInfo(TMemory* handle, int type, int id) {
   if (type < 0) {
-    LogLine(517, u"CHSetInfo: can't set negative type, %Y", type);
+    LogLineChecked(517, u"CHSetInfo: can't set negative type, %Y", type);
     return kErrBadParameter;
   }
   LoadedChunk* chunk = FindLoaded(handle);
   if (chunk == nullptr) {
-    LogLine(517, u"CHSetInfo: handle doesn't refer to a chunk");
+    LogLineChecked(517, u"CHSetInfo: handle doesn't refer to a chunk");
     return kErrInvalidHandle;
   }
   if (!IsPublicType(type)) {
-    LogLine(517, u"CHSetInfo: reserved type, %E", kErrBadParameter);
+    LogLineChecked(517, u"CHSetInfo: reserved type, %E", kErrBadParameter);
     return kErrBadParameter;
   }
   if (m_mapDamaged) return Refuse(u"CHSetInfo");
@@ -593,7 +598,7 @@ int ChunkManager::CHDuplicate(int type, int id, int newId) {
   bool found = false;
   int index = IsPublicType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
   if (!found) {
-    LogLine(517, u"CHDuplicate: can't find type/id, %E", kErrNotFound);
+    LogLineChecked(517, u"CHDuplicate: can't find type/id, %E", kErrNotFound);
     return kErrNotFound;
   }
   auto copy = std::make_unique<TMemory>();
@@ -606,7 +611,7 @@ int ChunkManager::CHDuplicate(int type, int id, int newId) {
     status = ReadChunk(index, copy.get());
   }
   if (status != 0) {
-    LogLine(517, u"CHDuplicate: can't copy the chunk, %E", status);
+    LogLineChecked(517, u"CHDuplicate: can't copy the chunk, %E", status);
     return status;
   }
   TMemory* raw = copy.release();

@@ -236,6 +236,9 @@ class PLINTH_API ChunkManager : public TObject {
   bool m_bigEndian = false;
   size_t m_chunkHdrSize = kCHChunkHdrSize;
   uint64_t m_generation = 0;  // of the last save
+  // Writes carry m_writeBase + 1; a revert after writes moves it on, so a
+  // later save never shares a generation with chunks it dropped.
+  uint64_t m_writeBase = 0;
   int m_saveFlags = 0;
 
   // Chunk writes of a save, gathered while their slots follow each other.

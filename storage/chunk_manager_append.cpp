@@ -2,6 +2,7 @@
 #include <new>
 #include <vector>
 
+#include "foundation/format_checked.h"
 #include "foundation/log.h"
 #include "storage/chunk_manager.h"
 
@@ -25,7 +26,7 @@ int ChunkManager::AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory>
     m_loaded.erase(raw);
     bool found = false;
     DeleteEntry(FindEntry(type, id, &found));
-    LogLine(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
+    LogLineChecked(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }
   return 0;
@@ -34,7 +35,7 @@ int ChunkManager::AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory>
 int ChunkManager::CHAppend(TFile* target) {
   if (m_file == nullptr) return Refuse(u"CHAppend");
   if (target == nullptr || target == m_file) {
-    LogLine(517, u"CHAppend: no file to write to, %E", kErrBadParameter);
+    LogLineChecked(517, u"CHAppend: no file to write to, %E", kErrBadParameter);
     return kErrBadParameter;
   }
   ChunkManager other;
@@ -49,7 +50,8 @@ int ChunkManager::CHAppend(TFile* target) {
       bool found = false;
       other.FindEntry(type, m_map[i + k].id, &found);
       if (found) {
-        LogLine(517, u"CHAppend: duplicate ID, type %Y, id = %Y", type, m_map[i + k].id);
+        LogLineChecked(517, u"CHAppend: duplicate ID, type %Y, id = %Y", static_cast<int>(type),
+                       static_cast<int>(static_cast<uint32_t>(m_map[i + k].id)));
         return kErrCHDuplicate;
       }
     }
@@ -63,7 +65,7 @@ int ChunkManager::CHAppend(TFile* target) {
       try {
         copy = std::make_unique<TMemory>();
       } catch (const std::bad_alloc&) {
-        LogLine(517, u"CHAppend: can't allocate move buffer");
+        LogLineChecked(517, u"CHAppend: can't allocate move buffer");
         return kErrMemOutOfMemory;
       }
       auto known = m_loadedByKey.find({type, id});
@@ -74,7 +76,7 @@ int ChunkManager::CHAppend(TFile* target) {
         status = ReadChunk(i + k, copy.get());
       }
       if (status != 0) {
-        LogLine(517, u"CHAppend: can't find map index for first chunk");
+        LogLineChecked(517, u"CHAppend: can't find map index for first chunk");
         return status;
       }
       status = other.AddLoaded(type, id, std::move(copy));
@@ -82,6 +84,6 @@ int ChunkManager::CHAppend(TFile* target) {
     }
   }
   status = other.CHSave(0);
-  if (status != 0 && other.m_is0100) LogLine(517, u"CHAppend: can't convert to 0100 map, %E", status);
+  if (status != 0 && other.m_is0100) LogLineChecked(517, u"CHAppend: can't convert to 0100 map, %E", status);
   return status;
 }

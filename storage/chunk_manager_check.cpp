@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "foundation/format_checked.h"
 #include "foundation/log.h"
 #include "storage/chunk_manager.h"
 
@@ -49,7 +50,9 @@ int ChunkManager::MapCheck(bool quiet, bool handles) const {
       if (entry.address == kCHGroupHeadAddress) return fail(u"chMapCheck: invalid map termination");
       if (free) {
         if (k > 1 && entry.address <= before.address) return fail(u"chMapCheck: invalid address sequence");
-        if (entry.id == 0 || static_cast<int64_t>(entry.id) % step != 0) return fail(u"chMapCheck: invalid chunk size");
+        if (static_cast<int64_t>(entry.id) <= 0 || static_cast<int64_t>(entry.id) % step != 0) {
+          return fail(u"chMapCheck: invalid chunk size");
+        }
       } else {
         if (k > 1 && entry.id <= before.id) return fail(u"chMapCheck: invalid id sequence");
         if ((entry.state & kCHStateAllocating) != 0) return fail(u"chMapCheck: failed allocation not fixed");
@@ -81,7 +84,7 @@ int ChunkManager::MapCheck(bool quiet, bool handles) const {
     if (next < slot.address) return fail(u"chMapCheck: went backwards somehow");
     int64_t length = next - slot.address;
     if (slot.freeLength >= 0) {
-      if (slot.address + slot.freeLength > end) return fail(u"chMapCheck: came out beyond available space");
+      if (slot.freeLength > end - slot.address) return fail(u"chMapCheck: came out beyond available space");
       if (slot.freeLength > length) return fail(u"chMapCheck: went backwards somehow");
       if (slot.freeLength < length) return fail(u"chMapCheck: impossible chunk size");
       continue;

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "foundation/format_checked.h"
 #include "foundation/hooks.h"
 #include "foundation/log.h"
 #include "storage/chunk_cipher.h"
@@ -22,7 +23,8 @@ int ChunkManager::WriteAtChecked(uint64_t offset, const void* data, uint64_t len
     int status = m_file->WriteAt(offset, bytes, &count);
     if (status == 0 && count != asked) status = kErrWriteFault;
     if (status != 0) {
-      LogLine(517, u"%s: write failed, %E", operation, status);
+      TString name(operation);
+      LogLineChecked(517, u"%s: write failed, %E", &name, status);
       return status;
     }
     offset += count;
@@ -35,14 +37,14 @@ int ChunkManager::WriteAtChecked(uint64_t offset, const void* data, uint64_t len
 int ChunkManager::SyncIfDurable() {
   if ((m_saveFlags & kCHSaveNoSync) != 0) return 0;
   int status = m_file->Sync();
-  if (status != 0) LogLine(517, u"CHSave: sync failed, %E", status);
+  if (status != 0) LogLineChecked(517, u"CHSave: sync failed, %E", status);
   return status;
 }
 
 int ChunkManager::MarkUnsaved() {
   if (m_markerOnDisk) return 0;
   if (!m_file->IsWritable()) {
-    LogLine(517, u"CHSave: file is read only, %E", kErrWriteProtected);
+    LogLineChecked(517, u"CHSave: file is read only, %E", kErrWriteProtected);
     return kErrWriteProtected;
   }
   // The saved header with the marker: nothing else on disk changes yet.
@@ -79,7 +81,7 @@ int ChunkManager::EncodeStored(uint32_t type, uint64_t id, TMemory* handle, std:
   std::memset(header, 0, sizeof(*header));
   header->type = type;
   header->id = id;
-  header->generation = m_generation + 1;
+  header->generation = m_writeBase + 1;
   const unsigned char* data = static_cast<const unsigned char*>(handle->MemPtr());
   uint32_t size = handle->GetSize();
   stored->clear();
@@ -89,15 +91,15 @@ int ChunkManager::EncodeStored(uint32_t type, uint64_t id, TMemory* handle, std:
     return 0;
   }
   if (m_configPassword.IsEmpty()) {
-    LogLine(515, u"ChunkManager::chWriteChunk: encryption is required but password is invalid");
+    LogLineChecked(515, u"ChunkManager::chWriteChunk: encryption is required but password is invalid");
     return kErrEncryption;
   }
   int status = CHEncryptConfig(m_configPassword, type, id, data, size, stored);
   if (status != 0) {
-    LogLine(515, u"ChunkManager::chWriteChunk: Configs can not be encrypted");
+    LogLineChecked(515, u"ChunkManager::chWriteChunk: Configs can not be encrypted");
     return status;
   }
-  LogLine(516, u"ChunkManager::chWriteChunk: initial data size %ld, encrypted size %ld, cipherAdjustment %ld",
+  LogLineChecked(516, u"ChunkManager::chWriteChunk: initial data size %ld, encrypted size %ld, cipherAdjustment %ld",
           static_cast<int64_t>(size), static_cast<int64_t>(stored->size()),
           static_cast<int64_t>(stored->size()) - static_cast<int64_t>(size));
   header->length = stored->size();
@@ -116,7 +118,7 @@ int ChunkManager::FlushBatch() {
 
 int ChunkManager::WriteChunk(LoadedChunk* chunk) {
   if (!m_file->IsWritable()) {
-    LogLine(517, u"chWriteChunk: file is read only, %E", kErrWriteProtected);
+    LogLineChecked(517, u"chWriteChunk: file is read only, %E", kErrWriteProtected);
     return kErrWriteProtected;
   }
   std::vector<unsigned char> encrypted;
@@ -147,7 +149,7 @@ int ChunkManager::WriteChunk(LoadedChunk* chunk) {
     if (header.length != 0) std::memcpy(m_batch.data() + at + m_chunkHdrSize, data, header.length);
   } catch (const std::bad_alloc&) {
     m_batch.clear();
-    LogLine(517, u"chWriteChunk: not enough memory, %E", kErrMemOutOfMemory);
+    LogLineChecked(517, u"chWriteChunk: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }
   if (m_batch.size() >= kBatchLimit) return FlushBatch();
@@ -161,25 +163,25 @@ int ChunkManager::ReadStored(int index, std::vector<unsigned char>* stored, CHCh
       static_cast<uint64_t>(entry.address) > m_physicalLength ||
       static_cast<uint64_t>(length) > m_physicalLength - static_cast<uint64_t>(entry.address) ||
       static_cast<uint64_t>(length) > 0x7FFFFFFFull) {
-    LogLine(517, u"chDoGetChunk: chunk lies outside the file, %E", kErrFileCorrupt);
+    LogLineChecked(517, u"chDoGetChunk: chunk lies outside the file, %E", kErrFileCorrupt);
     return kErrFileCorrupt;
   }
   try {
     stored->resize(static_cast<size_t>(length));
   } catch (const std::bad_alloc&) {
-    LogLine(517, u"chDoGetChunk: not enough memory, %E", kErrMemOutOfMemory);
+    LogLineChecked(517, u"chDoGetChunk: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }
   uint32_t count = static_cast<uint32_t>(length);
   int status = m_file->ReadAt(static_cast<uint64_t>(entry.address), stored->data(), &count);
   if (status != 0) {
-    LogLine(517, u"chDoGetChunk: can't read the chunk, %E", status);
+    LogLineChecked(517, u"chDoGetChunk: can't read the chunk, %E", status);
     return status;
   }
   bool named = CHDecodeChunkHeader(stored->data(), m_is0100, m_bigEndian, entry.type, header);
   uint64_t room = static_cast<uint64_t>(length) - m_chunkHdrSize;
   if (!named || header->id != entry.id || header->length > room) {
-    LogLine(517, u"chDoGetChunk: chunk header does not match the map, %E", kErrFileCorrupt);
+    LogLineChecked(517, u"chDoGetChunk: chunk header does not match the map, %E", kErrFileCorrupt);
     return kErrFileCorrupt;
   }
   const unsigned char* data = stored->data() + m_chunkHdrSize;
@@ -187,7 +189,7 @@ int ChunkManager::ReadStored(int index, std::vector<unsigned char>* stored, CHCh
                           ? CHEncryptedChecksum(header->type, header->id, data, header->length)
                           : CHChecksum(data, header->length);
   if (checksum != header->checksum) {
-    LogLine(517, u"chDoGetChunk: checksum does not match, %E", kErrCrc);
+    LogLineChecked(517, u"chDoGetChunk: checksum does not match, %E", kErrCrc);
     return kErrCrc;
   }
   return 0;
@@ -203,13 +205,13 @@ int ChunkManager::ReadChunk(int index, TMemory* out) {
   uint64_t size = header.length;
   if ((header.flags & kCHFlagEncrypted) != 0) {
     if (m_configPassword.IsEmpty()) {
-      LogLine(515, u"ChunkManager::chReadChunk: data is encrypted but password is invalid");
+      LogLineChecked(515, u"ChunkManager::chReadChunk: data is encrypted but password is invalid");
       return kErrEncryption;
     }
-    LogLine(516, u"ChunkManager::chReadChunk: amount to decrypt %ld", static_cast<int64_t>(header.length));
+    LogLineChecked(516, u"ChunkManager::chReadChunk: amount to decrypt %ld", static_cast<int64_t>(header.length));
     status = CHDecryptConfig(m_configPassword, header.type, header.id, data, header.length, &plain);
     if (status != 0) {
-      LogLine(515, u"ChunkManager::chReadChunk: some config data could not be decrypted");
+      LogLineChecked(515, u"ChunkManager::chReadChunk: some config data could not be decrypted");
       return kErrEncryption;
     }
     data = plain.data();
@@ -217,7 +219,7 @@ int ChunkManager::ReadChunk(int index, TMemory* out) {
   }
   status = out->AllocBuffer(size);
   if (status != 0) {
-    LogLine(517, u"chDoGetChunk: not enough memory, %E", status);
+    LogLineChecked(517, u"chDoGetChunk: not enough memory, %E", status);
     return status;
   }
   if (size != 0) std::memcpy(out->MemPtr(), data, size);
@@ -265,7 +267,7 @@ int ChunkManager::WriteMap() {
   CHChunkHdrSpec header{};
   header.type = kCHMapType;
   header.length = dataBytes;
-  header.generation = m_generation + 1;
+  header.generation = m_writeBase + 1;
   header.checksum = CHChecksum(bytes.data() + m_chunkHdrSize, dataBytes);
   CHEncodeChunkHeader(header, m_is0100, bytes.data());
   status = WriteAtChecked(static_cast<uint64_t>(address), bytes.data(), bytes.size(), u"chWriteMH");
@@ -294,7 +296,7 @@ int ChunkManager::SaveSteps() {
   if (status == 0) status = WriteMap();
   if (status == 0 && m_physicalLength != m_header.endOfSpace) {
     status = m_file->SetLength(m_header.endOfSpace);
-    if (status != 0) LogLine(517, u"CHSave: can't set the file's end, %E", status);
+    if (status != 0) LogLineChecked(517, u"CHSave: can't set the file's end, %E", status);
     if (status == 0) m_physicalLength = m_header.endOfSpace;
   }
   if (status != 0) return status;
@@ -319,7 +321,7 @@ int ChunkManager::CHSave(int flags) {
   bool changed = std::any_of(m_loaded.begin(), m_loaded.end(), [](const auto& item) { return item.second.changed; });
   if (!m_dirty && !changed && !m_markerOnDisk) return 0;
   if (!m_file->IsWritable()) {
-    LogLine(517, u"CHSave: file is read only, %E", kErrWriteProtected);
+    LogLineChecked(517, u"CHSave: file is read only, %E", kErrWriteProtected);
     return kErrWriteProtected;
   }
   m_saveFlags = flags;
@@ -335,7 +337,7 @@ int ChunkManager::CHSave(int flags) {
     addresses = m_addresses;
     pending = m_pending;
   } catch (const std::bad_alloc&) {
-    LogLine(517, u"CHSave: not enough memory, %E", kErrMemOutOfMemory);
+    LogLineChecked(517, u"CHSave: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }
   int status = SaveSteps();
@@ -354,7 +356,8 @@ int ChunkManager::CHSave(int flags) {
   m_header.unsaved = 0;
   m_savedHeader = m_header;
   m_markerOnDisk = false;
-  m_generation += 1;
+  m_generation = m_writeBase + 1;
+  m_writeBase = m_generation;
   m_dirty = false;
   m_createdNew = false;
   m_pending.clear();
@@ -372,7 +375,10 @@ int ChunkManager::CHSave(int flags) {
 int ChunkManager::CHRevert() {
   if (m_file == nullptr) return Refuse(u"CHRevert");
   int status = 0;
-  if (m_markerOnDisk) status = ClearMarker();
+  if (m_markerOnDisk) {
+    status = ClearMarker();
+    m_writeBase += 1;
+  }
   m_header = m_savedHeader;
   m_pending.clear();
   m_batch.clear();

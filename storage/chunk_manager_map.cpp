@@ -4,6 +4,7 @@
 #include <new>
 
 #include "foundation/hooks.h"
+#include "foundation/format_checked.h"
 #include "foundation/log.h"
 #include "storage/chunk_manager.h"
 
@@ -56,7 +57,7 @@ int ChunkManager::EnsureCapacity(int extra) {
   try {
     m_map.resize(grown);
   } catch (const std::bad_alloc&) {
-    LogLine(517, u"chMapEnlarge: not enough memory");
+    LogLineChecked(517, u"chMapEnlarge: not enough memory");
     return kErrMemOutOfMemory;
   }
   return 0;
@@ -76,7 +77,8 @@ int ChunkManager::InsertEntry(const CHMapEntrySpec& entry) {
     bool found = false;
     at = FindEntry(entry.type, entry.id, &found);
     if (found) {
-      LogLine(517, u"chMapInsert: duplicate ID, type %Y, id = %Y", entry.type, entry.id);
+      LogLineChecked(517, u"chMapInsert: duplicate ID, type %Y, id = %Y", static_cast<int>(entry.type),
+                   static_cast<int>(static_cast<uint32_t>(entry.id)));
       return kErrCHDuplicate;
     }
   }

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "storage/chunk_cipher.h"
 #include "tests/temp_dir.h"
 #include "tests/test_host.h"
 
@@ -215,6 +218,56 @@ TEST_F(ChunkManagerTest, BestFitTakesTheLowerAddressAndSwallowsTinyLeftovers) {
   ASSERT_EQ(cm.CHSave(0), 0);
   EXPECT_EQ(cm.CHVerify(), 0);
   EXPECT_EQ(Read(&cm, kData, 7), std::string(98, 'n'));
+}
+
+TEST_F(ChunkManagerTest, ConfigurationChunksAreStoredEncrypted) {
+  const std::string secret = "password=hunter2; schedule=daily";
+  const int config = static_cast<int>(kCHConfigTypeA);
+  {
+    ChunkManager cm;
+    ASSERT_EQ(Open(&cm), 0);
+    cm.CHSetEncryptConfigs(1);
+    ASSERT_EQ(cm.CHAddChunk(Bytes(secret), config, 1), 0);
+    ASSERT_EQ(cm.CHAddChunk(Bytes(secret), kData, 1), 0);
+    TestHost host;
+    EXPECT_EQ(cm.CHSave(0), kErrEncryption);
+    EXPECT_EQ(host.LinesWithFormat("ChunkManager::chWriteChunk: encryption is required but password is invalid").size(), 1u);
+    cm.CHSetConfigPassword(u"correct horse");
+    ASSERT_EQ(cm.CHSave(0), 0);
+    auto sizes = host.LinesWithFormat(
+        "ChunkManager::chWriteChunk: initial data size %ld, encrypted size %ld, cipherAdjustment %ld");
+    ASSERT_EQ(sizes.size(), 1u);
+    EXPECT_EQ(sizes[0].selector, 516u);
+    EXPECT_EQ(cm.CHChunkSize(config, 1), static_cast<int64_t>(secret.size() + kCHCipherAdjustment));
+  }
+  std::string file;
+  {
+    FILE* f = std::fopen(TStringAsString(m_loc.GetFullPath()).c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    char buffer[4096];
+    size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), f)) > 0) file.append(buffer, n);
+    std::fclose(f);
+  }
+  // The plain chunk shows its text; the configuration chunk does not.
+  EXPECT_EQ(file.find(secret), file.rfind(secret));
+  EXPECT_NE(file.find(secret), std::string::npos);
+
+  ChunkManager cm;
+  ASSERT_EQ(Open(&cm, kFileOpenRead), 0);
+  TestHost host;
+  TMemory* h = nullptr;
+  EXPECT_EQ(cm.CHGetChunk(config, 1, &h, 1), kErrEncryption);
+  EXPECT_EQ(host.LinesWithFormat("ChunkManager::chReadChunk: data is encrypted but password is invalid").size(), 1u);
+  cm.CHSetConfigPassword(u"wrong horse");
+  EXPECT_EQ(cm.CHGetChunk(config, 1, &h, 1), kErrEncryption);
+  auto failed = host.LinesWithFormat("ChunkManager::chReadChunk: some config data could not be decrypted");
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_EQ(failed[0].selector, 515u);
+  cm.CHSetConfigPassword(u"correct horse");
+  EXPECT_EQ(Read(&cm, config, 1), secret);
+  EXPECT_EQ(host.LinesWithFormat("ChunkManager::chReadChunk: amount to decrypt %ld").size(), 2u);
+  EXPECT_EQ(cm.CHVerify(), 0);
 }
 
 }  // namespace

@@ -94,4 +94,64 @@ expect_exit 1 "device list of a missing folder" "$plinth" device list "$tmp/nowh
 expect_exit 0 "device --help" "$plinth" device --help
 expect_exit 2 "device without arguments" "$plinth" device
 expect_exit 2 "device list without a folder" "$plinth" device list
+# plinth container: put, ls, get, replace, rm, verify, compact and recover, and refusals.
+box="$tmp/box.plc"
+head -c 5000 /dev/urandom > "$tmp/one.bin"; head -c 70000 /dev/urandom > "$tmp/two.bin"
+"$plinth" container put "$box" DATA 1 "$tmp/one.bin" || fail "container put into a new file"
+"$plinth" container put "$box" 1145132097 2 "$tmp/two.bin" || fail "container put with a decimal type"
+"$plinth" container put "$box" 0x426C6F62 7 "$tmp/empty" || fail "container put of an empty file"
+out=$("$plinth" container ls "$box") || fail "container ls"
+grep -qE "^DATA 0x44415441 +1 +[0-9]+ +[0-9]+ +5000$" <<<"$out" || fail "container ls lacks DATA 1: '$out'"
+grep -qE "^DATA 0x44415441 +2 +[0-9]+ +[0-9]+ +70000$" <<<"$out" || fail "container ls lacks DATA 2: '$out'"
+grep -qE "^Blob 0x426C6F62 +7 +[0-9]+ +[0-9]+ +0$" <<<"$out" || fail "container ls lacks Blob 7: '$out'"
+[ "$(grep -c ' 0x' <<<"$out")" -eq 3 ] || fail "container ls shows other chunks: '$out'"
+"$plinth" container get "$box" DATA 1 > "$tmp/got" && cmp -s "$tmp/one.bin" "$tmp/got" || fail "container get DATA 1"
+"$plinth" container get "$box" 0x44415441 0x2 > "$tmp/got" && cmp -s "$tmp/two.bin" "$tmp/got" ||
+  fail "container get DATA 2"
+"$plinth" container get "$box" Blob 7 > "$tmp/got" && [ ! -s "$tmp/got" ] || fail "container get of an empty chunk"
+"$plinth" container put "$box" DATA 1 "$tmp/two.bin" || fail "container put over a chunk"
+"$plinth" container get "$box" DATA 1 > "$tmp/got" && cmp -s "$tmp/two.bin" "$tmp/got" || fail "replaced chunk"
+"$plinth" container put "$box" DATA 1 "$tmp/one.bin" || fail "container put back"
+"$plinth" container rm "$box" Blob 7 || fail "container rm"
+out=$("$plinth" container info "$box") || fail "container info"
+for line in "writer version: +0x0111" "generation: +current" "byte order: +little-endian" "unsaved marker: +0$" \
+            "address step: +4" "data start: +512" "encryption marker: +0$" "types: +1$" "chunks: +2$"; do
+  grep -qE "^$line" <<<"$out" || fail "container info lacks '$line': '$out'"
+done
+"$plinth" container verify "$box" | grep -q ": ok$" || fail "container verify of a saved file"
+"$plinth" container compact "$box" "$tmp/small.plc" >/dev/null || fail "container compact"
+"$plinth" container verify "$tmp/small.plc" >/dev/null || fail "container verify of the compacted file"
+[ "$(stat -c %s "$tmp/small.plc")" -le "$(stat -c %s "$box")" ] || fail "container compact made the file larger"
+"$plinth" container get "$tmp/small.plc" DATA 2 > "$tmp/got" && cmp -s "$tmp/two.bin" "$tmp/got" ||
+  fail "container get from the compacted file"
+cp "$box" "$tmp/broken.plc"
+printf '\041\144\141\102' | dd of="$tmp/broken.plc" bs=1 seek=32 conv=notrunc status=none
+"$plinth" container info "$tmp/broken.plc" 2>/dev/null | grep -q "^unsaved marker: .*not fully saved" ||
+  fail "container info does not show the unsaved marker"
+expect_exit 1 "container verify of an unsaved file" "$plinth" container verify "$tmp/broken.plc"
+out=$("$plinth" container recover "$tmp/broken.plc" "$tmp/fixed.plc") || fail "container recover"
+grep -qE "^kept +DATA 0x44415441 +1 " <<<"$out" || fail "container recover did not keep DATA 1: '$out'"
+grep -qE "^2 kept, " <<<"$out" || fail "container recover kept a wrong count: '$out'"
+"$plinth" container verify "$tmp/fixed.plc" >/dev/null || fail "container verify of the recovered file"
+for id in 1 2; do
+  "$plinth" container get "$tmp/fixed.plc" DATA $id > "$tmp/got" || fail "container get $id after recover"
+done
+cmp -s "$tmp/two.bin" "$tmp/got" || fail "recovered chunk differs"
+expect_exit 1 "container get from a missing file" "$plinth" container get "$tmp/none.plc" DATA 1
+expect_exit 1 "container ls of a missing file" "$plinth" container ls "$tmp/none.plc"
+expect_exit 1 "container verify of a non-container" "$plinth" container verify "$tmp/junk.ini"
+expect_exit 1 "container get of an unknown id" "$plinth" container get "$box" DATA 99
+expect_exit 1 "container get of an unknown type" "$plinth" container get "$box" Blob 7
+expect_exit 1 "container rm of an unknown id" "$plinth" container rm "$box" DATA 99
+expect_exit 1 "container put of a missing source" "$plinth" container put "$box" DATA 3 "$tmp/none"
+expect_exit 1 "container compact onto an existing file" "$plinth" container compact "$box" "$tmp/small.plc"
+expect_exit 2 "container type of three characters" "$plinth" container get "$box" DAT 1
+expect_exit 2 "container negative type" "$plinth" container get "$box" 0x80000000 1
+expect_exit 2 "container id not numeric" "$plinth" container get "$box" DATA x1
+expect_exit 2 "container without arguments" "$plinth" container
+expect_exit 2 "container with an unknown verb" "$plinth" container frob "$box"
+expect_exit 2 "container get without an id" "$plinth" container get "$box" DATA
+expect_exit 0 "container --help" "$plinth" container --help
+"$plinth" container get "$box" DATA 1 > "$tmp/got" && cmp -s "$tmp/one.bin" "$tmp/got" ||
+  fail "refusals changed the container"
 echo "cli_smoke: ok"

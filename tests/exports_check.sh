@@ -12,7 +12,9 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TDictLinear::Define(' 'TList::AddAt(' 'HostToBigEndian(' '_checkpersist(' 'TDataBuffer::Insert(' \
             'TTypedBuffer<unsigned int>::Find(' 'TBufferedUint8Stream::Get(' 'CRC32::update(' 'HashBlock(' \
             'TMD5::InitHash(' 'SHA1Digest::update(' 'TBlockHash::HashBlock(' 'TFileLoc::' 'TFile::ReadAt(' \
-            'TTextFile::ReadLine(' 'TSectionKeyFile::GetKey(' 'TKeyedFile::' 'UGetPrivateProfileString(' ; do
+            'TTextFile::ReadLine(' 'TSectionKeyFile::GetKey(' 'TKeyedFile::' 'UGetPrivateProfileString(' \
+            'ChunkManager::CHOpen(' 'ChunkManager::CHSave(' 'ChunkManager::CHVerify(' 'ChunkManager::CHTruncate(' \
+            'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.

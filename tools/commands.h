@@ -8,5 +8,6 @@ int RunErrorCommand(int argc, char** argv);
 int RunHashCommand(int argc, char** argv);
 int RunIniCommand(int argc, char** argv);
 int RunDeviceCommand(int argc, char** argv);
+int RunContainerCommand(int argc, char** argv);
 
 #endif  // PLINTH_TOOLS_COMMANDS_H_

@@ -20,6 +20,11 @@ const char kUsage[] =
     "  ini set FILE SECTION KEY VALUE\n"
     "                      read or write a key of an initialisation file\n"
     "  device list FOLDER  the device files of a folder and their sections\n"
+    "  container info|ls|verify FILE\n"
+    "  container get|rm FILE TYPE ID\n"
+    "  container put FILE TYPE ID SRCFILE\n"
+    "  container compact|recover FILE NEWFILE\n"
+    "                      look into, change, check and repair chunk container files\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
@@ -34,6 +39,7 @@ const Command kCommands[] = {
     {"hash", RunHashCommand},
     {"ini", RunIniCommand},
     {"device", RunDeviceCommand},
+    {"container", RunContainerCommand},
 };
 
 }  // namespace
