@@ -12,6 +12,7 @@
 #include "foundation/errors.h"
 #include "storage/chunk_format.h"
 #include "storage/chunk_manager.h"
+#include "storage/chunk_recover.h"
 #include "tests/chunk_testing.h"
 #include "tests/faulty_file.h"
 #include "tests/temp_dir.h"
@@ -187,6 +188,40 @@ class ChunkCrash : public ::testing::Test {
   Bytes m_aBytes;
   void CutEverywhere(bool storeNow);
 
+  // A refused file recovers into a container that verifies, keeps every
+  // chunk A and B agree on, and holds nothing but A's or B's bytes.
+  void ExpectRecovered(const std::string& what, const Bytes& refused, ChunkState* recovered) {
+    const std::string source = m_dir.path() + "/refused.chf", target = m_dir.path() + "/recovered.chf";
+    WriteFileBytes(source, refused);
+    WriteFileBytes(target, Bytes());
+    TCHRecoverReport report;
+    {
+      TFile in, out;
+      ASSERT_EQ(0, in.Open(FileLocOf(source), kFileOpenRead));
+      ASSERT_EQ(0, out.Open(FileLocOf(target), kFileOpenReadWrite));
+      ASSERT_EQ(0, CHRecover(&in, &out, &report)) << what;
+    }
+    EXPECT_EQ(refused, ReadFileBytes(source)) << what << ": recovery changed its source";
+    Outcome out = OpenPlain(target);
+    ASSERT_EQ(0, out.status) << what << ": recovered file: " << out.why;
+    EXPECT_EQ(0, out.verify) << what;
+    EXPECT_EQ(report.kept.size(), out.chunks.size()) << what;
+    *recovered = out.chunks;
+    for (const auto& [key, data] : m_a) {
+      auto inB = m_b.find(key);
+      if (inB == m_b.end() || inB->second != data) continue;
+      auto got = out.chunks.find(key);
+      EXPECT_TRUE(got != out.chunks.end() && got->second == data)
+          << what << ": chunk " << key.first << "/" << key.second << " of both states lost";
+    }
+    for (const auto& [key, data] : out.chunks) {
+      bool fromA = m_a.count(key) != 0 && m_a.at(key) == data;
+      bool fromB = m_b.count(key) != 0 && m_b.at(key) == data;
+      EXPECT_TRUE(fromA || fromB) << what << ": recovered " << key.first << "/" << key.second
+                                  << " holds bytes of neither state";
+    }
+  }
+
   // Files refused after a cut, for the recovery check.
   std::vector<std::pair<std::string, Bytes>> m_refused;
 };
@@ -236,6 +271,20 @@ void ChunkCrash::CutEverywhere(bool storeNow) {
     }
   }
   EXPECT_GT(refused, 0);
+  // Only the marker on disk: the old map rules. Everything but the marker
+  // clear on disk: the new map does.
+  const std::string onlyMarker = "stop after write 1 of " + std::to_string(total);
+  const std::string allButClear = "half of write " + std::to_string(total) + " of " + std::to_string(total);
+  for (const auto& [what, bytes] : m_refused) {
+    ChunkState recovered;
+    ExpectRecovered(what, bytes, &recovered);
+    if (what == onlyMarker && !storeNow) {
+      EXPECT_TRUE(SameChunks(m_a, recovered)) << what;
+    }
+    if (what == allButClear) {
+      EXPECT_TRUE(SameChunks(m_b, recovered)) << what;
+    }
+  }
   ::testing::Test::RecordProperty("writes", total);
   ::testing::Test::RecordProperty("cutsGivingA", seenA);
   ::testing::Test::RecordProperty("cutsGivingB", seenB);
