@@ -55,6 +55,7 @@ struct ImageOptions {
   uint16_t writer = 0;  // 0: the generation's own
   uint32_t unsaved = 0;
   uint32_t mapType = kCHMapType;
+  uint32_t lowType = kLowType;  // the type the kLowType chunks are laid under
 };
 
 struct LaidEntry {
@@ -160,7 +161,8 @@ Image LayImage(bool big, bool old, const ImageOptions& opt = ImageOptions()) {
       continue;
     }
     const Bytes& data = chunks.at(slot.key);
-    PutChunkHeader(&w, at, old, slot.key.first, slot.key.second, data.size(), StoredChecksum(data));
+    const uint32_t type = slot.key.first == kLowType ? opt.lowType : slot.key.first;
+    PutChunkHeader(&w, at, old, type, slot.key.second, data.size(), StoredChecksum(data));
     w.PutBytes(at + hdr, data);
     image.addresses[slot.key] = static_cast<int64_t>(at);
     image.slots[slot.key] = static_cast<int64_t>(Round4(hdr + data.size()));
@@ -179,9 +181,10 @@ Image LayImage(bool big, bool old, const ImageOptions& opt = ImageOptions()) {
   auto chunkEntry = [&](uint32_t type, uint32_t id) {
     uint64_t length = chunks.at({type, id}).size();
     uint64_t slack = Round4(hdr + length) - (hdr + length);
-    map.emplace_back(type, id, image.addresses.at({type, id}), slack, kCHStateHasSpace);
+    map.emplace_back(type == kLowType ? opt.lowType : type, id, image.addresses.at({type, id}), slack,
+                     kCHStateHasSpace);
   };
-  map.emplace_back(kLowType, 3, kAllOnes, 0, 0);
+  map.emplace_back(opt.lowType, 3, kAllOnes, 0, 0);
   chunkEntry(kLowType, 1);
   chunkEntry(kLowType, 2);
   chunkEntry(kLowType, 7);
@@ -533,6 +536,43 @@ TEST_F(ChunkImage, SavedImagesKeepTheirGenerationAndBecomeLittleEndian) {
       EXPECT_TRUE(SameChunks(expected, got));
     }
   }
+}
+
+// A type whose four bytes read the same both ways ("AAAA") names no byte
+// order: old big-endian chunks of that type must still read after a save
+// has made the file little-endian.
+TEST_F(ChunkImage, SymmetricTypeSurvivesTheSwitchToLittleEndian) {
+  ImageOptions opt;
+  opt.lowType = 0x41414141;
+  ChunkState expected;
+  for (const auto& [key, data] : SampleChunks()) expected[{key.first == kLowType ? opt.lowType : key.first, key.second}] = data;
+  std::string path = Put("symmetric.chf", LayImage(true, false, opt).bytes);
+  {
+    TFile file;
+    ASSERT_EQ(0, file.Open(FileLocOf(path), kFileOpenReadWrite));
+    ChunkManager cm;
+    ASSERT_EQ(0, cm.CHOpenRef(&file));
+    ChunkState got;
+    std::string why;
+    ASSERT_EQ(0, ReadChunkState(&cm, &got, &why)) << why;
+    EXPECT_TRUE(SameChunks(expected, got));
+    // A change elsewhere, so that the header and map are written anew.
+    TMemory* handle = nullptr;
+    ASSERT_EQ(0, cm.CHGetChunk(static_cast<int>(kHighType), 3, &handle, 1));
+    static_cast<uint8_t*>(handle->MemPtr())[0] ^= 0xFF;
+    expected[{kHighType, 3}][0] ^= 0xFF;
+    ASSERT_EQ(0, cm.CHChangedChunk(handle));
+    ASSERT_EQ(0, cm.CHSave(0));
+  }
+  TFile file;
+  ASSERT_EQ(0, file.Open(FileLocOf(path), kFileOpenRead));
+  ChunkManager cm;
+  ASSERT_EQ(0, cm.CHOpenRef(&file));
+  EXPECT_FALSE(cm.IsBigEndian());
+  ChunkState got;
+  std::string why;
+  EXPECT_EQ(0, ReadChunkState(&cm, &got, &why)) << why;
+  EXPECT_TRUE(SameChunks(expected, got));
 }
 
 TEST(ChunkChecksum, StoredSumIsTheMsbFirstCrcWithZeroAsOne) {

@@ -11,11 +11,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "files/tfile.h"
 #include "foundation/errors.h"
 #include "foundation/tmemory.h"
+#include "foundation/tstring.h"
 #include "storage/chunk_format.h"
 #include "storage/chunk_manager.h"
 
@@ -30,10 +35,35 @@ void Check(bool ok, int line = __builtin_LINE()) {
 
 using Bytes = std::vector<unsigned char>;
 
-// A read-only file over a byte vector.
+// An empty file on disk that every TByteFile holds open, so that it counts
+// as an open file; removed when the process ends.
+class StubFile {
+ public:
+  StubFile() {
+    std::random_device random;
+    m_path = std::filesystem::temp_directory_path() / ("chunk_manager_fuzz." + std::to_string(random()));
+    std::ofstream(m_path, std::ios::binary).flush();
+  }
+  ~StubFile() {
+    std::error_code ignored;
+    std::filesystem::remove(m_path, ignored);
+  }
+  TFileLoc Loc() const { return TFileLoc(TStringFromUTF8(m_path.string())); }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+const StubFile& Stub() {
+  static const StubFile stub;
+  return stub;
+}
+
+// A read-only file over a byte vector: the stub's handle makes it open,
+// every transfer is served from memory.
 class TByteFile : public TFile {
  public:
-  explicit TByteFile(const Bytes& bytes) : m_bytes(bytes) {}
+  explicit TByteFile(const Bytes& bytes) : m_bytes(bytes) { Check(Open(Stub().Loc(), kFileOpenRead) == 0); }
   int ReadAt(uint64_t offset, void* buffer, uint32_t* count) override {
     uint32_t asked = *count;
     *count = 0;
@@ -86,7 +116,7 @@ Bytes SeedImage() {
     h.checksum = CHChecksum(item.data.data(), item.data.size());
     file.resize(at + slot(item.data.size()), 0);
     CHEncodeChunkHeader(h, false, file.data() + at);
-    std::memcpy(file.data() + at + hdr, item.data.data(), item.data.size());
+    if (!item.data.empty()) std::memcpy(file.data() + at + hdr, item.data.data(), item.data.size());
     CHMapEntrySpec e{};
     e.type = item.type;
     e.id = item.id;
