@@ -131,7 +131,7 @@ TFileLoc LocOf(const std::string& path) {
   return TFileLoc(TStringFromUTF8(ec ? path : full.string()));
 }
 
-// Type, id and the checks every chunk operation starts with.
+// The type and id a chunk operation names.
 struct ChunkArgs {
   int type = 0;
   int id = 0;
