@@ -1,9 +1,9 @@
 // libFuzzer target: ChunkManager opening hostile container files.
 //
 // Each input is tried twice, on a file held in memory: as the whole file,
-// and as an edit script over a small valid container (three bytes per edit:
-// a 16-bit offset and a byte XORed in there), so that mutations reach the
-// map and the chunks and not only the header. Whatever opens is verified,
+// and as an edit script over a small valid container of either generation
+// (three bytes per edit: a 16-bit offset and a byte XORed in there), so
+// that mutations reach the map and the chunks and not only the header. Whatever opens is verified,
 // enumerated and read chunk by chunk; nothing may crash, read outside its
 // buffers, or write to a file opened read only.
 #include <cstddef>
@@ -94,16 +94,16 @@ class TByteFile : public TFile {
 };
 
 // A container with two types, an empty chunk, a free extent and the map,
-// laid with the format's own encoders.
-Bytes SeedImage() {
+// laid with the format's own encoders in either generation.
+Bytes SeedImage(bool is0100) {
   struct Item {
     uint32_t type;
     uint64_t id;
     Bytes data;
   };
   const std::vector<Item> items = {{1, 1, {1, 2, 3, 4, 5}}, {1, 2, {}}, {2, 7, Bytes(12, 0xA5)}};
-  constexpr uint64_t hdr = kCHChunkHdrSize;
-  auto slot = [](uint64_t length) { return (hdr + length + 3) / 4 * 4; };
+  const uint64_t hdr = CHChunkHdrSizeOf(is0100);
+  auto slot = [hdr](uint64_t length) { return (hdr + length + 3) / 4 * 4; };
   Bytes file(kCHNewDataStart, 0);
   std::vector<CHMapEntrySpec> chunks;
   uint64_t at = kCHNewDataStart;
@@ -115,7 +115,7 @@ Bytes SeedImage() {
     h.generation = 1;
     h.checksum = CHChecksum(item.data.data(), item.data.size());
     file.resize(at + slot(item.data.size()), 0);
-    CHEncodeChunkHeader(h, false, file.data() + at);
+    CHEncodeChunkHeader(h, is0100, file.data() + at);
     if (!item.data.empty()) std::memcpy(file.data() + at + hdr, item.data.data(), item.data.size());
     CHMapEntrySpec e{};
     e.type = item.type;
@@ -130,7 +130,7 @@ Bytes SeedImage() {
   at += freeLength;
   const uint64_t mapAddress = at;
   const size_t count = 9;
-  const uint64_t mapData = count * kCHMapEntrySize;
+  const uint64_t mapData = count * CHMapEntrySizeOf(is0100);
   auto head = [](uint32_t type, uint64_t n) {
     CHMapEntrySpec e{};
     e.type = type;
@@ -151,14 +151,14 @@ Bytes SeedImage() {
                                            head(kCHMapType, 1), self,         head(kCHFreeType, 1),   extent};
   Check(map.size() == count);
   Bytes entries(mapData);
-  CHEncodeMapEntries(map.data(), map.size(), false, entries.data());
+  CHEncodeMapEntries(map.data(), map.size(), is0100, entries.data());
   CHChunkHdrSpec mh{};
   mh.type = kCHMapType;
   mh.length = mapData;
   mh.generation = 1;
   mh.checksum = CHChecksum(entries.data(), entries.size());
   file.resize(mapAddress + slot(mapData), 0);
-  CHEncodeChunkHeader(mh, false, file.data() + mapAddress);
+  CHEncodeChunkHeader(mh, is0100, file.data() + mapAddress);
   std::memcpy(file.data() + mapAddress + hdr, entries.data(), entries.size());
 
   CHFileHeaderSpec header;
@@ -167,6 +167,7 @@ Bytes SeedImage() {
   header.mapAddress = mapAddress;
   header.mapLength = hdr + mapData;
   header.endOfSpace = mapAddress + slot(mapData);
+  if (is0100) header.writer = kCHVersion0100;
   CHEncodeFileHeader(header, file.data());
   return file;
 }
@@ -206,9 +207,10 @@ int Exercise(const Bytes& bytes, bool* verified) {
   return 0;
 }
 
-const Bytes& Seed() {
-  static const Bytes seed = SeedImage();
-  return seed;
+const Bytes& Seed(bool is0100) {
+  static const Bytes current = SeedImage(false);
+  static const Bytes old = SeedImage(true);
+  return is0100 ? old : current;
 }
 
 }  // namespace
@@ -216,14 +218,16 @@ const Bytes& Seed() {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The seed must stay a good container, or the edits test nothing.
   bool verified = false;
-  Check(Exercise(Seed(), &verified) == 0 && verified);
+  Check(Exercise(Seed(false), &verified) == 0 && verified);
+  Check(Exercise(Seed(true), &verified) == 0 && verified);
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool verified = false;
   Exercise(Bytes(data, data + size), &verified);
-  Bytes edited = Seed();
+  // An odd length edits the 0100 seed.
+  Bytes edited = Seed(size % 2 == 1);
   for (size_t i = 0; i + 3 <= size; i += 3) {
     size_t at = (static_cast<size_t>(data[i]) << 8 | data[i + 1]) % edited.size();
     edited[at] ^= data[i + 2];
