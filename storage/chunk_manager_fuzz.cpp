@@ -59,11 +59,17 @@ const StubFile& Stub() {
   return stub;
 }
 
-// A read-only file over a byte vector: the stub's handle makes it open,
-// every transfer is served from memory.
+// A file over a byte vector: the stub's handle makes it open, every
+// transfer is served from memory. A read-only one must never be written.
 class TByteFile : public TFile {
  public:
-  explicit TByteFile(const Bytes& bytes) : m_bytes(bytes) { Check(Open(Stub().Loc(), kFileOpenRead) == 0); }
+  static constexpr uint64_t kLimit = 16 << 20;
+
+  TByteFile(const Bytes& bytes, bool writable) : m_bytes(bytes), m_writable(writable) {
+    Check(Open(Stub().Loc(), writable ? kFileOpenReadWrite : kFileOpenRead) == 0);
+  }
+  const Bytes& bytes() const { return m_bytes; }
+
   int ReadAt(uint64_t offset, void* buffer, uint32_t* count) override {
     uint32_t asked = *count;
     *count = 0;
@@ -74,23 +80,32 @@ class TByteFile : public TFile {
     *count = n;
     return n < asked ? kErrEndOfFile : 0;
   }
-  int WriteAt(uint64_t, const void*, uint32_t*) override {
-    Check(false);  // opened read only
-    return kErrWriteFault;
+  int WriteAt(uint64_t offset, const void* buffer, uint32_t* count) override {
+    Check(m_writable);
+    uint32_t asked = *count;
+    *count = 0;
+    if (offset + asked > kLimit) return kErrWriteFault;
+    if (m_bytes.size() < offset + asked) m_bytes.resize(offset + asked, 0);
+    if (asked > 0) std::memcpy(m_bytes.data() + offset, buffer, asked);
+    *count = asked;
+    return 0;
   }
   int GetLength(uint64_t* length) override {
     *length = m_bytes.size();
     return 0;
   }
-  int SetLength(uint64_t) override {
-    Check(false);
-    return kErrWriteFault;
+  int SetLength(uint64_t length) override {
+    Check(m_writable);
+    if (length > kLimit) return kErrWriteFault;
+    m_bytes.resize(length, 0);
+    return 0;
   }
   int Flush() override { return 0; }
   int Sync() override { return 0; }
 
  private:
   Bytes m_bytes;
+  bool m_writable;
 };
 
 // A container with two types, an empty chunk, a free extent and the map,
@@ -175,7 +190,7 @@ Bytes SeedImage(bool is0100) {
 // Opens `bytes` read only and walks whatever opens. Answers the open status
 // and whether the map check passed.
 int Exercise(const Bytes& bytes, bool* verified) {
-  TByteFile file(bytes);
+  TByteFile file(bytes, false);
   ChunkManager cm;
   int status = cm.CHOpenRef(&file);
   *verified = false;
@@ -207,6 +222,44 @@ int Exercise(const Bytes& bytes, bool* verified) {
   return 0;
 }
 
+// A container that opened and verified takes a new chunk and a change and
+// saves; if the save succeeds, the result reopens, verifies and holds the
+// new chunk.
+void ChangeAndSave(const Bytes& bytes) {
+  TByteFile file(bytes, true);
+  ChunkManager cm;
+  if (cm.CHOpenRef(&file) != 0 || cm.CHVerify() != 0) return;
+  const Bytes added = {9, 8, 7, 6, 5, 4, 3, 2, 1};
+  const int type = 0x7F000001;
+  if (cm.CHFindChunk(type, 1) != 0) return;
+  auto* handle = new TMemory;
+  Check(handle->SetSize(added.size()) == 0);
+  std::memcpy(handle->MemPtr(), added.data(), added.size());
+  if (cm.CHAddChunk(handle, type, 1) != 0) {
+    delete handle;
+    return;
+  }
+  if (cm.CHCountTypes() > 0) {
+    int first = cm.CHEnumType(1);
+    TMemory* other = nullptr;
+    if (first != type && cm.CHGetChunk(first, cm.CHEnumChunk(first, 1), &other, 1) == 0 && other->SetSize(40) == 0) {
+      cm.CHChangedChunk(other);
+    }
+  }
+  Check(cm.CHVerify() == 0);
+  if (cm.CHSave(0) != 0) return;
+  Check(cm.CHVerify() == 0);
+  cm.CHClose();
+
+  TByteFile saved(file.bytes(), false);
+  ChunkManager reader;
+  Check(reader.CHOpenRef(&saved) == 0);
+  Check(reader.CHVerify() == 0);
+  TMemory* got = nullptr;
+  Check(reader.CHGetChunk(type, 1, &got, 1) == 0);
+  Check(got->GetSize() == added.size() && std::memcmp(got->MemPtr(), added.data(), added.size()) == 0);
+}
+
 const Bytes& Seed(bool is0100) {
   static const Bytes current = SeedImage(false);
   static const Bytes old = SeedImage(true);
@@ -220,6 +273,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   bool verified = false;
   Check(Exercise(Seed(false), &verified) == 0 && verified);
   Check(Exercise(Seed(true), &verified) == 0 && verified);
+  ChangeAndSave(Seed(false));
+  ChangeAndSave(Seed(true));
   return 0;
 }
 
@@ -232,6 +287,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t at = (static_cast<size_t>(data[i]) << 8 | data[i + 1]) % edited.size();
     edited[at] ^= data[i + 2];
   }
-  Exercise(edited, &verified);
+  if (Exercise(edited, &verified) == 0 && verified) ChangeAndSave(edited);
   return 0;
 }
