@@ -197,6 +197,7 @@ class PLINTH_API ChunkManager : public TObject {
   int WriteMap();
   int ClearMarker();
   int SaveSteps();
+  bool HoldsNoChunks() const;
   int AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory> handle);
 
   // Loaded-chunk table.

@@ -178,21 +178,26 @@ int ChunkManager::ReadStored(int index, std::vector<unsigned char>* stored, CHCh
     LogLineChecked(517, u"chDoGetChunk: can't read the chunk, %E", status);
     return status;
   }
-  bool named = CHDecodeChunkHeader(stored->data(), m_is0100, m_bigEndian, entry.type, header);
+  // A saved big-endian file keeps its older chunks in that order, so the
+  // header is taken in whichever order names this chunk and verifies.
   uint64_t room = static_cast<uint64_t>(length) - m_chunkHdrSize;
-  if (!named || header->id != entry.id || header->length > room) {
+  const unsigned char* data = stored->data() + m_chunkHdrSize;
+  bool named = false;
+  for (bool bigEndian : {m_bigEndian, !m_bigEndian}) {
+    CHDecodeChunkHeader(stored->data(), m_is0100, bigEndian, 0, header);
+    if (header->type != entry.type || header->id != entry.id || header->length > room) continue;
+    named = true;
+    uint32_t checksum = (header->flags & kCHFlagEncrypted) != 0
+                            ? CHEncryptedChecksum(header->type, header->id, data, header->length)
+                            : CHChecksum(data, header->length);
+    if (checksum == header->checksum) return 0;
+  }
+  if (!named) {
     LogLineChecked(517, u"chDoGetChunk: chunk header does not match the map, %E", kErrFileCorrupt);
     return kErrFileCorrupt;
   }
-  const unsigned char* data = stored->data() + m_chunkHdrSize;
-  uint32_t checksum = (header->flags & kCHFlagEncrypted) != 0
-                          ? CHEncryptedChecksum(header->type, header->id, data, header->length)
-                          : CHChecksum(data, header->length);
-  if (checksum != header->checksum) {
-    LogLineChecked(517, u"chDoGetChunk: checksum does not match, %E", kErrCrc);
-    return kErrCrc;
-  }
-  return 0;
+  LogLineChecked(517, u"chDoGetChunk: checksum does not match, %E", kErrCrc);
+  return kErrCrc;
 }
 
 int ChunkManager::ReadChunk(int index, TMemory* out) {
@@ -293,8 +298,21 @@ int ChunkManager::SaveSteps() {
   status = FlushBatch();
   // The chunks are on disk before any map names them.
   if (status == 0) status = SyncIfDurable();
-  if (status == 0) status = WriteMap();
-  if (status == 0 && m_physicalLength != m_header.endOfSpace) {
+  if (status != 0) return status;
+  bool empty = HoldsNoChunks();
+  if (empty) {
+    // A container without chunks has no map and no space: its tail is cut
+    // once the header says so.
+    m_mapCount = 0;
+    m_addresses.clear();
+    m_pending.clear();
+    m_header.mapAddress = 0;
+    m_header.mapLength = 0;
+    m_header.endOfSpace = m_header.dataStart;
+  } else {
+    status = WriteMap();
+  }
+  if (status == 0 && !empty && m_physicalLength != m_header.endOfSpace) {
     status = m_file->SetLength(m_header.endOfSpace);
     if (status != 0) LogLineChecked(517, u"CHSave: can't set the file's end, %E", status);
     if (status == 0) m_physicalLength = m_header.endOfSpace;
@@ -312,7 +330,22 @@ int ChunkManager::SaveSteps() {
   const unsigned char zero[4] = {0, 0, 0, 0};
   if (status == 0) status = WriteAtChecked(32, zero, sizeof(zero), u"chWriteMH");
   if (status == 0) status = SyncIfDurable();
+  if (status == 0 && empty && m_physicalLength != m_header.endOfSpace) {
+    // The save stands even if the cut fails: the tail is free space then.
+    if (m_file->SetLength(m_header.endOfSpace) == 0) {
+      m_physicalLength = m_header.endOfSpace;
+    } else {
+      LogLineChecked(517, u"CHSave: can't set the file's end, %E", kErrWriteFault);
+    }
+  }
   return status;
+}
+
+bool ChunkManager::HoldsNoChunks() const {
+  for (int i = 0; i < m_mapCount; i += 1 + static_cast<int>(m_map[i].id)) {
+    if (m_map[i].type != kCHMapType && m_map[i].type != kCHFreeType) return false;
+  }
+  return true;
 }
 
 int ChunkManager::CHSave(int flags) {
@@ -356,6 +389,7 @@ int ChunkManager::CHSave(int flags) {
   m_header.unsaved = 0;
   m_savedHeader = m_header;
   m_markerOnDisk = false;
+  m_bigEndian = false;  // the header and map are little-endian on disk now
   m_generation = m_writeBase + 1;
   m_writeBase = m_generation;
   m_dirty = false;
