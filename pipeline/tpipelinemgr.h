@@ -74,9 +74,12 @@ class PLINTH_API TPipelineMgr : public TObject {
   uint64_t lastSequenceNum() const { return m_sequenceNum; }
   const std::vector<TPiQ*>& queues() const { return m_queues; }
 
-  static void logLine(const char* fmt, ...);
-  static void logErrLine(const char* fmt, ...);
-  static void logErrLineWithFilter(int err, const char* fmt, ...);
+  // The formats are C printf formats over 8-bit strings (%d, %u, %llu, %s
+  // of a char*). Each line is rendered here and reaches the debug log whole,
+  // as the one argument of a "%s" line.
+  [[gnu::format(printf, 1, 2)]] static void logLine(const char* fmt, ...);
+  [[gnu::format(printf, 1, 2)]] static void logErrLine(const char* fmt, ...);
+  [[gnu::format(printf, 2, 3)]] static void logErrLineWithFilter(int err, const char* fmt, ...);
 
  protected:
   virtual TPiQ* tryNewQ(bool second);
@@ -92,6 +95,14 @@ class PLINTH_API TPipelineMgr : public TObject {
   virtual std::string nameOfQ(unsigned index);
 
  private:
+  // Takes `station` into m_stations; false (logged) when it is owned already.
+  bool adopt(TPiStation& station, const char* where);
+  // Refuses structural changes once the pipeline has its terminal.
+  void tryChkNotStarted(const char* where);
+  void doAddStationAfterLast(TPiStation& station);
+  // Deletes nodes, stations, queues, buffers and stray messages.
+  void cleanUp();
+
   std::vector<std::unique_ptr<TPipelineNode>> m_nodes;
   std::vector<std::unique_ptr<TPiStation>> m_stations;
   std::vector<TPiQ*> m_queues;  // owned
@@ -107,6 +118,8 @@ class PLINTH_API TPipelineMgr : public TObject {
   TPiTerminal* m_terminal = nullptr;
   bool m_oneBuffer;
   int64_t m_startTime = 0;
+  // Every buffer made, of both kinds, wherever it is lent out.
+  std::vector<std::unique_ptr<TPiWorkBuf>> m_workBufs;
 };
 
 #endif  // PLINTH_PIPELINE_TPIPELINEMGR_H_

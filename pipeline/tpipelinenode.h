@@ -45,7 +45,7 @@ class PLINTH_API TSerialNode : public TPipelineNode {
   ~TSerialNode() override;
   void tryStartThreads() override;
   void waitForThreadsEnd() override;
-  bool hasThreads() const override { return m_thread != nullptr; }
+  bool hasThreads() const override { return m_thread.joinable(); }
   void tryChk() override {}
   TPiQ* inQ() const override { return m_station->inQ(); }
   TPiQ* outQ() const override { return m_station->outQ(); }
@@ -55,7 +55,7 @@ class PLINTH_API TSerialNode : public TPipelineNode {
 
  private:
   TPiStation* m_station;
-  std::unique_ptr<std::thread> m_thread;
+  std::thread m_thread;
 };
 
 class PLINTH_API TParallelGroup : public TPipelineNode {
@@ -78,7 +78,7 @@ class PLINTH_API TParallelGroup : public TPipelineNode {
 
  private:
   std::vector<TPiParallelStation*> m_stations;
-  std::vector<std::unique_ptr<std::thread>> m_threads;
+  std::vector<std::thread> m_threads;
 };
 
 #endif  // PLINTH_PIPELINE_TPIPELINENODE_H_

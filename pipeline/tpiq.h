@@ -58,12 +58,17 @@ class PLINTH_API TPiQ : public TObject {
   explicit TPiQ(TPipelineMgr& mgr);
 
  private:
+  friend class TPipelineMgr;
+  // Takes every waiting item and the held-back end marker out, leaving the
+  // counts as they are; for the manager's clean-up.
+  std::deque<TPiWork*> takeAllForCleanUp();
+
   std::deque<TPiWork*> m_work;
   int m_error = 0;
   uint64_t m_msgIn = 0;
   uint64_t m_workIn = 0;
   uint64_t m_workOut = 0;
-  TPiMsg* m_endMarker = nullptr;  // held back
+  TPiWork* m_endMarker = nullptr;  // held back
   bool m_noMoreWork = false;
   TPiQ* m_nextQ = nullptr;
   UPiTicks m_waitTime = 0;

@@ -96,6 +96,11 @@ class PLINTH_API TPiSequencingStation : public TPiSerialStation {
   void tryDoMsg(TPiMsg& msg, bool& consumed) override;
 
  private:
+  friend class TPipelineMgr;
+  // Takes the held items out; for the manager's clean-up, which knows which
+  // of them are its own buffers.
+  std::map<uint64_t, TPiWork*> takeHeldForCleanUp();
+
   std::map<uint64_t, TPiWork*> m_held;
 };
 
