@@ -356,10 +356,18 @@ int PackHashChunk(TBlockHash* hash, uint32_t type, uint32_t id, const unsigned c
 
 int PackCheckChunk(TBlockHash* hash, uint32_t type, const PackChunkRefSpec& want, const unsigned char* data,
                    uint32_t length) {
-  if (length != want.length) return kErrFileCorrupt;
+  if (length != want.length) {
+    LogLineChecked(517, u"PackCheckChunk: chunk %~d has %~d bytes, not %~d, %E", static_cast<int>(want.id),
+                   static_cast<int>(length), static_cast<int>(want.length), kErrFileCorrupt);
+    return kErrFileCorrupt;
+  }
   PackChunkRefSpec got;
   int status = PackHashChunk(hash, type, want.id, data, length, &got);
   if (status != 0) return status;
-  if (got.crc != want.crc || std::memcmp(got.digest, want.digest, kPackDigestLength) != 0) return kErrCrc;
+  if (got.crc != want.crc || std::memcmp(got.digest, want.digest, kPackDigestLength) != 0) {
+    LogLineChecked(517, u"PackCheckChunk: chunk %~d does not match its block hashes, %E", static_cast<int>(want.id),
+                   kErrCrc);
+    return kErrCrc;
+  }
   return 0;
 }

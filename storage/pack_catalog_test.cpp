@@ -241,7 +241,12 @@ TEST(PackCatalog, HostilePathsAreRefused) {
     Bytes b = good;
     std::memcpy(b.data() + 48 + 40, hostile, 6);
     PackCatalogSpec out;
+    host.Clear();
     EXPECT_EQ(kErrBadName, Decode(b, &out)) << hostile;
+    auto lines = host.LinesWithFormat("PackDecodeCatalog: %s (entry %~d), %E");
+    ASSERT_EQ(1u, lines.size()) << hostile;
+    EXPECT_NE(std::string::npos, lines[0].text.find("unsafe path (entry 0)")) << lines[0].text;
+    EXPECT_EQ(517u, lines[0].selector);
   }
   TMemory m;
   c.entries[0].path = "../x";
@@ -398,7 +403,9 @@ TEST(PackCatalog, ChunkFingerprintsAgainstOracles) {
     if (length == 0) continue;
     Bytes flipped = data;
     flipped[rng() % length] ^= 0x10;
+    host.Clear();
     EXPECT_EQ(kErrCrc, PackCheckChunk(&hash, kPackDataType, ref, flipped.data(), length));
+    EXPECT_EQ(1u, host.LinesWithFormat("PackCheckChunk: chunk %~d does not match its block hashes, %E").size());
     EXPECT_EQ(kErrFileCorrupt, PackCheckChunk(&hash, kPackDataType, ref, data.data(), length - 1));
     PackChunkRefSpec moved = ref;
     moved.id = id ^ 1;  // the same bytes under another id
