@@ -411,7 +411,7 @@ int Pack(const fs::path& dir, const fs::path& file) {
               run.files, run.bytes, folders, file.string().c_str(), run.chunks, length, walk.skipped.size(), secs,
               secs > 0 ? static_cast<double>(run.bytes) / (1024.0 * 1024.0) / secs : 0.0);
   if (run.elapsedSecs > 0)
-    std::printf("pipeline: %us from the first chunk, stations worked %us, the reader waited %us for buffers\n",
+    std::printf("pipeline, in whole seconds: %u from the first chunk, %u of station work, %u waiting for buffers\n",
                 run.elapsedSecs, run.workSecs, run.bufWaitSecs);
   return 0;
 }
