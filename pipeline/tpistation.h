@@ -96,7 +96,8 @@ class PLINTH_API TPiSerialStation : public TPiStation {
 class PLINTH_API TPiSequencingStation : public TPiSerialStation {
  public:
   TPiSequencingStation(const char* name, TPipelineMgr& mgr);
-  ~TPiSequencingStation() override;  // deletes items still held
+  // Deletes items still held (a manager takes its own buffers back first).
+  ~TPiSequencingStation() override;
   bool isSequencing() const override { return true; }
   bool tryDoSequencing(TPiWork& work) override;
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override;
