@@ -16,16 +16,17 @@ class TPiQStdMutex : public TPiQMutex {
   std::recursive_mutex m_mutex;
 };
 
-// The waiter-count condition over one auto-reset event: a broadcast sets a
-// flag and the event, and each waiter that wakes passes the event on while
-// counted waiters remain. A signal or broadcast that finds no waiter leaves
-// the event set, so the next waiter returns at once: no wake-up is lost.
+// A condition that counts its waiters and keeps its wake-ups as permits:
+// a signal grants one, a broadcast one per counted waiter, never more than
+// there are waiters to take them. A signal or broadcast that finds no waiter
+// leaves one permit, so the next waiter returns at once: no wake-up is lost.
+// Unlike a single auto-reset event, two signals to two waiters wake both.
 class TPiQStdCondition : public TPiQCondition {
  public:
   void signal() override {
     {
       std::lock_guard<std::mutex> guard(m_internal);
-      m_event = true;
+      if (m_permits < Wanted()) ++m_permits;
     }
     m_wake.notify_one();
   }
@@ -33,43 +34,33 @@ class TPiQStdCondition : public TPiQCondition {
   void broadcast() override {
     {
       std::lock_guard<std::mutex> guard(m_internal);
-      m_broadcast = true;
-      m_event = true;
+      if (m_permits < Wanted()) m_permits = Wanted();
     }
-    m_wake.notify_one();
+    m_wake.notify_all();
   }
 
   bool wait(TPiQMutex& lock, int /*timeout*/) override {
-    bool passOn = false;
     {
       std::unique_lock<std::mutex> guard(m_internal);
       // Counted before the caller's lock goes, so a giver that takes that
       // lock next finds this waiter already counted.
       ++m_waiters;
       lock.unlock();
-      m_wake.wait(guard, [this] { return m_event; });
-      m_event = false;  // auto-reset: this waiter takes the event
+      m_wake.wait(guard, [this] { return m_permits > 0; });
+      --m_permits;
       --m_waiters;
-      if (m_broadcast) {
-        if (m_waiters > 0) {
-          m_event = true;
-          passOn = true;
-        } else {
-          m_broadcast = false;
-        }
-      }
     }
-    if (passOn) m_wake.notify_one();
     lock.lock();
     return true;
   }
 
  private:
+  unsigned Wanted() const { return m_waiters > 0 ? m_waiters : 1; }
+
   std::mutex m_internal;
   std::condition_variable m_wake;
-  unsigned m_waiters = 0;
-  bool m_broadcast = false;
-  bool m_event = false;
+  unsigned m_waiters = 0;  // guarded by m_internal
+  unsigned m_permits = 0;  // guarded by m_internal
 };
 
 }  // namespace

@@ -148,6 +148,38 @@ TEST(PiConditionThreaded, BroadcastWakesEveryCountedWaiter) {
   EXPECT_EQ(woken.load(), kWaiters);
 }
 
+TEST(PiConditionThreaded, TwoSignalsWakeTwoWaiters) {
+  std::unique_ptr<TPiQMutex> mutex(UPiNewMutex());
+  std::unique_ptr<TPiQCondition> condition(UPiNewCondition());
+  int waiting = 0;  // guarded by mutex
+  int tokens = 0;   // guarded by mutex
+  std::atomic<int> woken{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([&] {
+      mutex->lock();
+      ++waiting;
+      while (tokens == 0) condition->wait(*mutex, kForever);
+      --tokens;
+      mutex->unlock();
+      woken.fetch_add(1);
+    });
+  }
+  for (;;) {
+    mutex->lock();
+    bool all = waiting == 2;
+    if (all) tokens = 2;
+    mutex->unlock();
+    if (all) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  // Two separate wake-ups, each meant for one waiter: neither is swallowed.
+  condition->signal();
+  condition->signal();
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(woken.load(), 2);
+}
+
 TEST(PiEventThreaded, SignalReleasesExactlyOneBlockedThread) {
   TPiEvent event(false);
   std::atomic<int> passed{0};

@@ -21,6 +21,18 @@
 // queues and pools. Log lines go to the debug log: logLine at 514,
 // logErrLine at 518 prefixed "--ERR-- ", logErrLineWithFilter as logErrLine
 // unless the code is a quiet ending (-1024, -1015).
+//
+// Ownership: the manager deletes every station handed to it (a refused one
+// too), its nodes and queues, and every work buffer it made, wherever the
+// buffer is when the manager goes; work buffers are made only by the
+// manager. Messages belong to their holder; those still in the pipeline
+// when the manager goes are deleted with it.
+//
+// The stock of buffers is made at the first start. A producer that asks
+// for a buffer before anything started starts the pipeline; so does the
+// first addWork. Counts that do not add up after a run are marked
+// "--ERR--" in the tryChkWorkCounts lines, not thrown: a run ended by an
+// error or a cancel leaves items behind.
 #ifndef PLINTH_PIPELINE_TPIPELINEMGR_H_
 #define PLINTH_PIPELINE_TPIPELINEMGR_H_
 
@@ -44,9 +56,9 @@ class PLINTH_API TPipelineMgr : public TObject {
   TPipelineMgr(const TPipelineMgr&) = delete;
   TPipelineMgr& operator=(const TPipelineMgr&) = delete;
 
-  // `where` names the caller in the log lines; `detail` is an extra text
-  // for them (may be null). `withCounts` also runs tryChkWorkCounts when
-  // the pipeline is idle.
+  // `where` names the caller in the log lines; a non-empty `detail` (may be
+  // null) follows it there after a space. `withCounts` also runs
+  // tryChkWorkCounts when the pipeline is idle.
   virtual void tryChkPipeline(bool withCounts, const char* where, const char* detail);
   // The manager takes ownership of the station.
   virtual void tryAddStationAfterLast(TPiStation& station);
@@ -55,7 +67,8 @@ class PLINTH_API TPipelineMgr : public TObject {
   virtual int chkPipeline(bool withCounts, const char* where, const char* detail);
   virtual void addWork(TPiWork& work);
   virtual void noMoreWorkAndReturn();
-  // `signalled`: the end was signalled already (noMoreWorkAndReturn).
+  // `signalled`: the end was signalled already (noMoreWorkAndReturn);
+  // waiting on a run whose end was never signalled does not return.
   virtual void noMoreWorkAndWaitTillEnd(int& whyEnd, unsigned& elapsedSecs, unsigned& workSecs,
                                         unsigned& bufWaitSecs, unsigned& buf2WaitSecs, bool signalled);
   virtual void cancelAndWait(int err, int& whyEnd);
@@ -64,6 +77,10 @@ class PLINTH_API TPipelineMgr : public TObject {
   virtual void returnWorkBuf(TPiWorkBuf& buf);
   virtual void addUnusedWorkBuf(TPiWorkBuf& buf);
   virtual TPiMsg* getMsgBuf(int msgId, int& err, unsigned size);
+  // Asked by every queue while it waits, on the station threads: a host's
+  // override must be thread-safe, and a subclass that overrides it ends
+  // the run in its own destructor (the base destructor would otherwise
+  // end it while the override is already gone).
   virtual bool isAbortSignaled();
 
   bool isRunning() const { return m_running; }

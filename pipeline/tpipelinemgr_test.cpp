@@ -322,6 +322,39 @@ TEST(PipelineMgrThreaded, MessagesVisitEveryStationInOrder) {
   EXPECT_EQ(b, (std::vector<std::string>{"B:41", "B:42", "B:-1024"}));
 }
 
+TEST(PipelineMgrThreaded, MessagesConsumedInAParallelGroupLeaveNoGap) {
+  TestHost host;
+  TPipelineMgr mgr(kBufSize, false);
+  std::atomic<int> eaten{0};
+  MsgFn eatOdd = [&](TPiMsg& msg, bool& consumed) {
+    if (msg.msgId() % 2 == 1) {
+      consumed = true;
+      eaten.fetch_add(1);
+    }
+  };
+  mgr.tryAddStationAfterLast(*new FnSerialStation("Head", mgr, nullptr));
+  mgr.tryAddStationAfterLast(*new FnParallelStation("E1", mgr, nullptr, eatOdd));
+  mgr.tryAddStationParallelToLast(*new FnParallelStation("E2", mgr, nullptr, eatOdd));
+  std::vector<int> ids;
+  mgr.tryAddStationAfterLast(*new FnSerialStation(
+      "Sink", mgr, [&](TPiWorkBuf&, TPiWorkBuf*, bool&) { ids.push_back(0); },
+      [&](TPiMsg& msg, bool&) { ids.push_back(msg.msgId()); }));
+  int err = 0;
+  for (int id = 1; id <= 20; ++id) {
+    if (id % 5 == 0) {
+      ASSERT_TRUE(ProduceOne(mgr, 0, &err));
+      continue;
+    }
+    TPiMsg* msg = mgr.getMsgBuf(id, err, 0);
+    ASSERT_NE(msg, nullptr);
+    mgr.addWork(*msg);
+  }
+  EXPECT_EQ(EndRun(mgr).whyEnd, 0);
+  EXPECT_EQ(eaten.load(), 8);  // the odd messages; 5 and 15 are buffers
+  EXPECT_EQ(ids, (std::vector<int>{2, 4, 0, 6, 8, 0, 12, 14, 0, 16, 18, 0, kErrPiEndOfWork}));
+  EXPECT_TRUE(LinesContaining(host, "--ERR--").empty());
+}
+
 TEST(PipelineMgrThreaded, DestructorForcesTheEnd) {
   TestHost host;
   std::atomic<int> done{0};

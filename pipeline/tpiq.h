@@ -31,6 +31,7 @@ class PLINTH_API TPiQ : public TObject {
  public:
   // A new queue owned by the caller; null when memory is exhausted.
   static TPiQ* factory(TPipelineMgr& mgr);
+  // Items still waiting are not the queue's: it deletes none of them.
   virtual ~TPiQ();
   TPiQ(const TPiQ&) = delete;
   TPiQ& operator=(const TPiQ&) = delete;

@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "pipeline/tpigap.h"
 #include "pipeline/tpipelinemgr.h"
 
 TPiStation::TPiStation(const char* name, TPipelineMgr& mgr, bool use2ndWorkBuf, bool ownThread)
@@ -57,6 +58,10 @@ void TPiStation::tryDoWork(TPiWork& work, bool& consumed, TPiWorkBuf*& replaceme
     }
     return;
   }
+  if (IsGap(work)) {
+    consumed = isTerminal();
+    return;
+  }
   TPiMsg* msg = dynamic_cast<TPiMsg*>(&work);
   if (msg == nullptr) {
     TPipelineMgr::logErrLine("%s: tryDoWork: work %llu is neither TPiWorkBuf nor TPiMsg", name(),
@@ -93,9 +98,14 @@ void TPiStation::waitAndDoWorkOnce(int& err) {
     err = kErrPiLogic;
   }
   if (consumed) {
+    bool standIn = err == 0 && !isTerminal() && !IsGap(*work);
+    uint64_t sequenceNum = work->sequenceNum();
     delete work;
     work = nullptr;
-    if (err == 0) return;
+    if (err == 0) {
+      if (standIn) addWorkToOutQ(*new TPiGap(sequenceNum));
+      return;
+    }
   }
   if (err != 0) {
     m_sharedOutQ->signalError(err);
@@ -114,6 +124,8 @@ void TPiStation::waitAndDoWorkOnce(int& err) {
   addWorkToOutQ(*replacement);
   if (work->isWorkBuf()) m_mgr->addUnusedWorkBuf(static_cast<TPiWorkBuf&>(*work));
 }
+
+bool TPiStation::isTerminal() const { return dynamic_cast<const TPiTerminal*>(this) != nullptr; }
 
 void TPiStation::workUntilEnd() {
   if (m_sharedInQ == nullptr || m_sharedOutQ == nullptr) {

@@ -4,6 +4,11 @@
 // TPiSerialStation or TPiParallelStation and override tryDoWorkBuf and
 // tryDoMsg; they report failures by throwing a code with UPiThrow.
 //
+// A message that tryDoMsg consumes is deleted at once and goes no further;
+// a small stand-in carrying its number travels on in its place, unseen by
+// the later stations' work operations, so their order checks, sequencing
+// and the end of the run still see every number.
+//
 // Log lines (through TPipelineMgr's static log functions):
 //   "%s: workUntilEnd: %s" ("!m_sharedInQ" / "!m_sharedOutQ")
 //   "%s: workUntilEnd:%d seq=%llu" (filtered: quiet endings are not logged)
@@ -62,6 +67,8 @@ class PLINTH_API TPiStation : public TObject {
   TPipelineMgr& mgr() const { return *m_mgr; }
 
  private:
+  bool isTerminal() const;
+
   TPiQ* m_sharedInQ = nullptr;
   TPiQ* m_sharedOutQ = nullptr;
   std::string m_name;
@@ -89,7 +96,8 @@ class PLINTH_API TPiSerialStation : public TPiStation {
 class PLINTH_API TPiSequencingStation : public TPiSerialStation {
  public:
   TPiSequencingStation(const char* name, TPipelineMgr& mgr);
-  ~TPiSequencingStation() override;  // deletes items still held
+  // Deletes items still held (a manager takes its own buffers back first).
+  ~TPiSequencingStation() override;
   bool isSequencing() const override { return true; }
   bool tryDoSequencing(TPiWork& work) override;
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override;

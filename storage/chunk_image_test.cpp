@@ -56,6 +56,7 @@ struct ImageOptions {
   uint32_t unsaved = 0;
   uint32_t mapType = kCHMapType;
   uint32_t lowType = kLowType;  // the type the kLowType chunks are laid under
+  int64_t endOfSpaceShift = 0;  // added to the end of space in the header
 };
 
 struct LaidEntry {
@@ -213,7 +214,7 @@ Image LayImage(bool big, bool old, const ImageOptions& opt = ImageOptions()) {
   w.Put(6, opt.writer != 0 ? opt.writer : (old ? kCHVersion0100 : kCHVersionCurrent), 2);
   w.Put(8, mapAddress, 8);
   w.Put(16, hdr + mapData, 8);
-  w.Put(24, endOfSpace, 8);
+  w.Put(24, endOfSpace + static_cast<uint64_t>(opt.endOfSpaceShift), 8);
   w.Put(32, opt.unsaved, 4);
   w.Put(36, kCHNewAddressStep, 4);
   w.Put(40, kCHNewDataStart, 8);
@@ -573,6 +574,39 @@ TEST_F(ChunkImage, SymmetricTypeSurvivesTheSwitchToLittleEndian) {
   std::string why;
   EXPECT_EQ(0, ReadChunkState(&cm, &got, &why)) << why;
   EXPECT_TRUE(SameChunks(expected, got));
+}
+
+// An end of space that is off the address step and cuts into the map's
+// slot: the map check refuses it, or else a change saved on top of it
+// makes a container that passes the check and reads back.
+TEST_F(ChunkImage, BrokenEndOfSpaceIsRefusedOrSavedConsistently) {
+  for (int64_t shift : {-73, -4, -1, 3}) {
+    SCOPED_TRACE("end of space shifted by " + std::to_string(shift));
+    ImageOptions opt;
+    opt.endOfSpaceShift = shift;
+    std::string path = Put("eos.chf", LayImage(false, false, opt).bytes);
+    TFile file;
+    ASSERT_EQ(0, file.Open(FileLocOf(path), kFileOpenReadWrite));
+    ChunkManager cm;
+    if (cm.CHOpenRef(&file) != 0 || cm.CHVerify() != 0) continue;
+    ChunkState expected = SampleChunks();
+    auto* added = new TMemory;
+    ASSERT_EQ(0, added->SetSize(9));
+    ASSERT_EQ(0, cm.CHAddChunk(added, 0x7F000001, 1));
+    expected[{0x7F000001, 1}] = Bytes(9, 0);
+    if (cm.CHSave(0) != 0) continue;
+    EXPECT_EQ(0, cm.CHVerify()) << "a save that succeeded left a map its own check refuses";
+    ASSERT_EQ(0, cm.CHClose());
+    TFile again;
+    ASSERT_EQ(0, again.Open(FileLocOf(path), kFileOpenRead));
+    ChunkManager reader;
+    ASSERT_EQ(0, reader.CHOpenRef(&again));
+    EXPECT_EQ(0, reader.CHVerify());
+    ChunkState got;
+    std::string why;
+    EXPECT_EQ(0, ReadChunkState(&reader, &got, &why)) << why;
+    EXPECT_TRUE(SameChunks(expected, got));
+  }
 }
 
 TEST(ChunkChecksum, StoredSumIsTheMsbFirstCrcWithZeroAsOne) {

@@ -420,20 +420,24 @@ int ChunkManager::CHAddChunk(TMemory* handle, int type, int id) {
     return kErrBadParameter;
   }
   if (m_mapDamaged) return Refuse(u"CHAddChunk");
+  return AddLoaded(static_cast<uint32_t>(type), static_cast<uint32_t>(id), handle);
+}
+
+int ChunkManager::AddLoaded(uint32_t type, uint64_t id, TMemory* handle) {
   CHMapEntrySpec entry{};
-  entry.type = static_cast<uint32_t>(type);
-  entry.id = static_cast<uint32_t>(id);
+  entry.type = type;
+  entry.id = id;
   int status = InsertEntry(entry);
   if (status != 0) return status;
   try {
     LoadedChunk& chunk = m_loaded[handle];
     chunk.handle.reset(handle);
-    chunk.type = entry.type;
-    chunk.id = entry.id;
+    chunk.type = type;
+    chunk.id = id;
     chunk.changed = true;
     chunk.loaded = true;
     chunk.loadedSize = handle->GetSize();
-    m_loadedByKey[{entry.type, entry.id}] = handle;
+    m_loadedByKey[{type, id}] = handle;
   } catch (const std::bad_alloc&) {
     auto it = m_loaded.find(handle);
     if (it != m_loaded.end()) {
@@ -441,7 +445,7 @@ int ChunkManager::CHAddChunk(TMemory* handle, int type, int id) {
       m_loaded.erase(it);
     }
     bool found = false;
-    DeleteEntry(FindEntry(entry.type, entry.id, &found));
+    DeleteEntry(FindEntry(type, id, &found));
     LogLineChecked(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
     return kErrMemOutOfMemory;
   }

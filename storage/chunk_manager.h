@@ -198,7 +198,9 @@ class PLINTH_API ChunkManager : public TObject {
   int ClearMarker();
   int SaveSteps();
   bool HoldsNoChunks() const;
-  int AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory> handle);
+  // Enters a new chunk with its handle, which the manager owns on success
+  // only.
+  int AddLoaded(uint32_t type, uint64_t id, TMemory* handle);
 
   // Loaded-chunk table.
   LoadedChunk* FindLoaded(TMemory* handle);

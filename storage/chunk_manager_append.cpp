@@ -6,32 +6,6 @@
 #include "foundation/log.h"
 #include "storage/chunk_manager.h"
 
-int ChunkManager::AddLoaded(uint32_t type, uint64_t id, std::unique_ptr<TMemory> handle) {
-  CHMapEntrySpec entry{};
-  entry.type = type;
-  entry.id = id;
-  int status = InsertEntry(entry);
-  if (status != 0) return status;
-  TMemory* raw = handle.get();
-  try {
-    LoadedChunk& chunk = m_loaded[raw];
-    chunk.handle = std::move(handle);
-    chunk.type = type;
-    chunk.id = id;
-    chunk.changed = true;
-    chunk.loaded = true;
-    chunk.loadedSize = raw->GetSize();
-    m_loadedByKey[{type, id}] = raw;
-  } catch (const std::bad_alloc&) {
-    m_loaded.erase(raw);
-    bool found = false;
-    DeleteEntry(FindEntry(type, id, &found));
-    LogLineChecked(517, u"chAddHandle: not enough memory, %E", kErrMemOutOfMemory);
-    return kErrMemOutOfMemory;
-  }
-  return 0;
-}
-
 int ChunkManager::CHAppend(TFile* target) {
   if (m_file == nullptr) return Refuse(u"CHAppend");
   if (target == nullptr || target == m_file) {
@@ -79,8 +53,9 @@ int ChunkManager::CHAppend(TFile* target) {
         LogLineChecked(517, u"CHAppend: can't find map index for first chunk");
         return status;
       }
-      status = other.AddLoaded(type, id, std::move(copy));
+      status = other.AddLoaded(type, id, copy.get());
       if (status != 0) return status;
+      copy.release();
     }
   }
   status = other.CHSave(0);

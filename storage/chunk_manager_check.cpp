@@ -34,6 +34,7 @@ int ChunkManager::MapCheck(bool quiet, bool handles) const {
   if (start < static_cast<int64_t>(kCHFileHeaderSize) || start > end || start % step != 0) {
     return fail(u"chMapCheck: invalid starting address");
   }
+  if (end % step != 0) return fail(u"chMapCheck: came out beyond available space");
   std::vector<SlotSpec> slots;
   bool mapListed = false;
   for (int i = 0; i < m_mapCount;) {
@@ -56,7 +57,14 @@ int ChunkManager::MapCheck(bool quiet, bool handles) const {
       } else {
         if (k > 1 && entry.id <= before.id) return fail(u"chMapCheck: invalid id sequence");
         if ((entry.state & kCHStateAllocating) != 0) return fail(u"chMapCheck: failed allocation not fixed");
-        if (entry.type == kCHMapType) mapListed = true;
+        if (entry.type == kCHMapType && entry.address >= 1) {
+          mapListed = true;
+          // The saved map must fit the slot its entry gives it.
+          if (entry.address == static_cast<int64_t>(m_header.mapAddress) && m_header.mapLength != 0 &&
+              (entry.address >= end || static_cast<uint64_t>(SlotLengthAt(entry.address)) < m_header.mapLength)) {
+            return fail(u"chMapCheck: invalid chunk size");
+          }
+        }
       }
       if (entry.address < 1) {
         // No place on disk and no handle: its data exists nowhere.

@@ -1,9 +1,9 @@
 // libFuzzer target: ChunkManager opening hostile container files.
 //
 // Each input is tried twice, on a file held in memory: as the whole file,
-// and as an edit script over a small valid container (three bytes per edit:
-// a 16-bit offset and a byte XORed in there), so that mutations reach the
-// map and the chunks and not only the header. Whatever opens is verified,
+// and as an edit script over a small valid container of either generation
+// (three bytes per edit: a 16-bit offset and a byte XORed in there), so
+// that mutations reach the map and the chunks and not only the header. Whatever opens is verified,
 // enumerated and read chunk by chunk; nothing may crash, read outside its
 // buffers, or write to a file opened read only.
 #include <cstddef>
@@ -59,11 +59,17 @@ const StubFile& Stub() {
   return stub;
 }
 
-// A read-only file over a byte vector: the stub's handle makes it open,
-// every transfer is served from memory.
+// A file over a byte vector: the stub's handle makes it open, every
+// transfer is served from memory. A read-only one must never be written.
 class TByteFile : public TFile {
  public:
-  explicit TByteFile(const Bytes& bytes) : m_bytes(bytes) { Check(Open(Stub().Loc(), kFileOpenRead) == 0); }
+  static constexpr uint64_t kLimit = 16 << 20;
+
+  TByteFile(const Bytes& bytes, bool writable) : m_bytes(bytes), m_writable(writable) {
+    Check(Open(Stub().Loc(), writable ? kFileOpenReadWrite : kFileOpenRead) == 0);
+  }
+  const Bytes& bytes() const { return m_bytes; }
+
   int ReadAt(uint64_t offset, void* buffer, uint32_t* count) override {
     uint32_t asked = *count;
     *count = 0;
@@ -74,36 +80,45 @@ class TByteFile : public TFile {
     *count = n;
     return n < asked ? kErrEndOfFile : 0;
   }
-  int WriteAt(uint64_t, const void*, uint32_t*) override {
-    Check(false);  // opened read only
-    return kErrWriteFault;
+  int WriteAt(uint64_t offset, const void* buffer, uint32_t* count) override {
+    Check(m_writable);
+    uint32_t asked = *count;
+    *count = 0;
+    if (offset + asked > kLimit) return kErrWriteFault;
+    if (m_bytes.size() < offset + asked) m_bytes.resize(offset + asked, 0);
+    if (asked > 0) std::memcpy(m_bytes.data() + offset, buffer, asked);
+    *count = asked;
+    return 0;
   }
   int GetLength(uint64_t* length) override {
     *length = m_bytes.size();
     return 0;
   }
-  int SetLength(uint64_t) override {
-    Check(false);
-    return kErrWriteFault;
+  int SetLength(uint64_t length) override {
+    Check(m_writable);
+    if (length > kLimit) return kErrWriteFault;
+    m_bytes.resize(length, 0);
+    return 0;
   }
   int Flush() override { return 0; }
   int Sync() override { return 0; }
 
  private:
   Bytes m_bytes;
+  bool m_writable;
 };
 
 // A container with two types, an empty chunk, a free extent and the map,
-// laid with the format's own encoders.
-Bytes SeedImage() {
+// laid with the format's own encoders in either generation.
+Bytes SeedImage(bool is0100) {
   struct Item {
     uint32_t type;
     uint64_t id;
     Bytes data;
   };
   const std::vector<Item> items = {{1, 1, {1, 2, 3, 4, 5}}, {1, 2, {}}, {2, 7, Bytes(12, 0xA5)}};
-  constexpr uint64_t hdr = kCHChunkHdrSize;
-  auto slot = [](uint64_t length) { return (hdr + length + 3) / 4 * 4; };
+  const uint64_t hdr = CHChunkHdrSizeOf(is0100);
+  auto slot = [hdr](uint64_t length) { return (hdr + length + 3) / 4 * 4; };
   Bytes file(kCHNewDataStart, 0);
   std::vector<CHMapEntrySpec> chunks;
   uint64_t at = kCHNewDataStart;
@@ -115,7 +130,7 @@ Bytes SeedImage() {
     h.generation = 1;
     h.checksum = CHChecksum(item.data.data(), item.data.size());
     file.resize(at + slot(item.data.size()), 0);
-    CHEncodeChunkHeader(h, false, file.data() + at);
+    CHEncodeChunkHeader(h, is0100, file.data() + at);
     if (!item.data.empty()) std::memcpy(file.data() + at + hdr, item.data.data(), item.data.size());
     CHMapEntrySpec e{};
     e.type = item.type;
@@ -130,7 +145,7 @@ Bytes SeedImage() {
   at += freeLength;
   const uint64_t mapAddress = at;
   const size_t count = 9;
-  const uint64_t mapData = count * kCHMapEntrySize;
+  const uint64_t mapData = count * CHMapEntrySizeOf(is0100);
   auto head = [](uint32_t type, uint64_t n) {
     CHMapEntrySpec e{};
     e.type = type;
@@ -151,14 +166,14 @@ Bytes SeedImage() {
                                            head(kCHMapType, 1), self,         head(kCHFreeType, 1),   extent};
   Check(map.size() == count);
   Bytes entries(mapData);
-  CHEncodeMapEntries(map.data(), map.size(), false, entries.data());
+  CHEncodeMapEntries(map.data(), map.size(), is0100, entries.data());
   CHChunkHdrSpec mh{};
   mh.type = kCHMapType;
   mh.length = mapData;
   mh.generation = 1;
   mh.checksum = CHChecksum(entries.data(), entries.size());
   file.resize(mapAddress + slot(mapData), 0);
-  CHEncodeChunkHeader(mh, false, file.data() + mapAddress);
+  CHEncodeChunkHeader(mh, is0100, file.data() + mapAddress);
   std::memcpy(file.data() + mapAddress + hdr, entries.data(), entries.size());
 
   CHFileHeaderSpec header;
@@ -167,6 +182,7 @@ Bytes SeedImage() {
   header.mapAddress = mapAddress;
   header.mapLength = hdr + mapData;
   header.endOfSpace = mapAddress + slot(mapData);
+  if (is0100) header.writer = kCHVersion0100;
   CHEncodeFileHeader(header, file.data());
   return file;
 }
@@ -174,7 +190,7 @@ Bytes SeedImage() {
 // Opens `bytes` read only and walks whatever opens. Answers the open status
 // and whether the map check passed.
 int Exercise(const Bytes& bytes, bool* verified) {
-  TByteFile file(bytes);
+  TByteFile file(bytes, false);
   ChunkManager cm;
   int status = cm.CHOpenRef(&file);
   *verified = false;
@@ -206,9 +222,48 @@ int Exercise(const Bytes& bytes, bool* verified) {
   return 0;
 }
 
-const Bytes& Seed() {
-  static const Bytes seed = SeedImage();
-  return seed;
+// A container that opened and verified takes a new chunk and a change and
+// saves; if the save succeeds, the result reopens, verifies and holds the
+// new chunk.
+void ChangeAndSave(const Bytes& bytes) {
+  TByteFile file(bytes, true);
+  ChunkManager cm;
+  if (cm.CHOpenRef(&file) != 0 || cm.CHVerify() != 0) return;
+  const Bytes added = {9, 8, 7, 6, 5, 4, 3, 2, 1};
+  const int type = 0x7F000001;
+  if (cm.CHFindChunk(type, 1) != 0) return;
+  auto* handle = new TMemory;
+  Check(handle->SetSize(added.size()) == 0);
+  std::memcpy(handle->MemPtr(), added.data(), added.size());
+  if (cm.CHAddChunk(handle, type, 1) != 0) {
+    delete handle;
+    return;
+  }
+  if (cm.CHCountTypes() > 0) {
+    int first = cm.CHEnumType(1);
+    TMemory* other = nullptr;
+    if (first != type && cm.CHGetChunk(first, cm.CHEnumChunk(first, 1), &other, 1) == 0 && other->SetSize(40) == 0) {
+      cm.CHChangedChunk(other);
+    }
+  }
+  Check(cm.CHVerify() == 0);
+  if (cm.CHSave(0) != 0) return;
+  Check(cm.CHVerify() == 0);
+  cm.CHClose();
+
+  TByteFile saved(file.bytes(), false);
+  ChunkManager reader;
+  Check(reader.CHOpenRef(&saved) == 0);
+  Check(reader.CHVerify() == 0);
+  TMemory* got = nullptr;
+  Check(reader.CHGetChunk(type, 1, &got, 1) == 0);
+  Check(got->GetSize() == added.size() && std::memcmp(got->MemPtr(), added.data(), added.size()) == 0);
+}
+
+const Bytes& Seed(bool is0100) {
+  static const Bytes current = SeedImage(false);
+  static const Bytes old = SeedImage(true);
+  return is0100 ? old : current;
 }
 
 }  // namespace
@@ -216,18 +271,22 @@ const Bytes& Seed() {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The seed must stay a good container, or the edits test nothing.
   bool verified = false;
-  Check(Exercise(Seed(), &verified) == 0 && verified);
+  Check(Exercise(Seed(false), &verified) == 0 && verified);
+  Check(Exercise(Seed(true), &verified) == 0 && verified);
+  ChangeAndSave(Seed(false));
+  ChangeAndSave(Seed(true));
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool verified = false;
   Exercise(Bytes(data, data + size), &verified);
-  Bytes edited = Seed();
+  // An odd length edits the 0100 seed.
+  Bytes edited = Seed(size % 2 == 1);
   for (size_t i = 0; i + 3 <= size; i += 3) {
     size_t at = (static_cast<size_t>(data[i]) << 8 | data[i + 1]) % edited.size();
     edited[at] ^= data[i + 2];
   }
-  Exercise(edited, &verified);
+  if (Exercise(edited, &verified) == 0 && verified) ChangeAndSave(edited);
   return 0;
 }

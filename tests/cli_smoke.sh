@@ -154,4 +154,89 @@ expect_exit 2 "container get without an id" "$plinth" container get "$box" DATA
 expect_exit 0 "container --help" "$plinth" container --help
 "$plinth" container get "$box" DATA 1 > "$tmp/got" && cmp -s "$tmp/one.bin" "$tmp/got" ||
   fail "refusals changed the container"
+# plinth pack, verify, unpack: a generated tree round trip, damage found, hostile catalogues refused.
+src="$tmp/tree"; mkdir -p "$src/a/b/c" "$src/empty dir" "$src/x/y"
+: > "$src/empty.txt"
+head -c 2621440 /dev/urandom > "$src/a/big.bin"  # three chunks of 1 MiB, the last one partial
+head -c 1048576 /dev/urandom > "$src/a/b/exact.bin"
+for i in $(seq 1 40); do head -c $((i * 997)) /dev/urandom > "$src/a/b/c/f$i.bin"; done
+printf 'caf\303\251\n' > "$src/x/y/"$'na\303\257ve file.txt'
+echo x > "$src/x/back\\slash"  # a name that would not restore everywhere: skipped
+chmod 0600 "$src/a/b/exact.bin"; chmod 0755 "$src/a/b/c/f3.bin"; chmod 0444 "$src/empty.txt"
+touch -d "@1500000000.123456789" "$src/a/big.bin"; touch -d "@86400" "$src/x/y"
+ln -s a/big.bin "$src/link"
+listing() {
+  (cd "$1" && find . -mindepth 1 \( -type d -printf '%p folder %m %T@\n' \) -o \( -type f -printf '%p file %m %s %T@\n' \) |
+    sort)
+}
+pk="$tmp/tree.plc"
+out=$("$plinth" pack "$src" "$pk" 2>"$tmp/err") || fail "pack failed: $(cat "$tmp/err")"
+grep -q "skipped link (symbolic link)" "$tmp/err" || fail "pack did not report the symbolic link"
+grep -q 'skipped x/back\\slash (name not storable' "$tmp/err" || fail "pack did not report the backslash"
+grep -qE "^packed 44 files \(4487562 bytes\) and 6 folders into .*: 45 chunks" <<<"$out" || fail "pack printed '$out'"
+out=$("$plinth" verify "$pk") || fail "verify of a fresh pack"
+grep -qE ": ok: 44 files, 50 entries, 45 chunks, 4487562 bytes$" <<<"$out" || fail "verify printed '$out'"
+"$plinth" unpack "$pk" "$tmp/back" >/dev/null || fail "unpack failed"
+diff -r --exclude=link --exclude='back*slash' "$src" "$tmp/back" >/dev/null || fail "unpacked tree differs"
+[ ! -e "$tmp/back/link" ] || fail "unpack made the skipped link"
+diff <(listing "$src" | grep -v 'back\\slash') <(listing "$tmp/back") >/dev/null || fail "unpacked modes or times differ"
+cp "$pk" "$tmp/keep.plc"
+expect_exit 1 "pack onto an existing file" "$plinth" pack "$src" "$pk"
+cmp -s "$pk" "$tmp/keep.plc" || fail "pack changed an existing file"
+expect_exit 1 "pack of a missing folder" "$plinth" pack "$tmp/nowhere" "$tmp/none.plc"
+[ ! -e "$tmp/none.plc" ] || fail "pack of a missing folder left a file"
+expect_exit 1 "pack of a file" "$plinth" pack "$tmp/one.bin" "$tmp/none.plc"
+expect_exit 1 "pack into a missing folder" "$plinth" pack "$src" "$tmp/nowhere/x.plc"
+expect_exit 1 "unpack into a folder that is not empty" "$plinth" unpack "$pk" "$tmp/back"
+expect_exit 1 "unpack of a missing file" "$plinth" unpack "$tmp/none.plc" "$tmp/back2"
+expect_exit 1 "verify of a missing file" "$plinth" verify "$tmp/none.plc"
+expect_exit 1 "verify of a container without catalogue" "$plinth" verify "$box"
+expect_exit 2 "pack without a file" "$plinth" pack "$src"
+expect_exit 2 "unpack without a folder" "$plinth" unpack "$pk"
+expect_exit 2 "verify with two files" "$plinth" verify "$pk" "$pk"
+for c in pack unpack verify; do expect_exit 0 "$c --help" "$plinth" $c --help; done
+# A flipped byte inside a stored data chunk: the container's checksum catches it.
+# The last chunk of a/big.bin is the one data chunk of 524288 bytes.
+read -r id addr < <("$plinth" container ls "$pk" | awk '$1 == "PkDa" && $6 == 524288 { print $3, $4 }')
+[ -n "$addr" ] || fail "container ls shows no data chunk of 524288 bytes"
+cp "$pk" "$tmp/flipped.plc"
+byte=$(dd if="$tmp/flipped.plc" bs=1 skip=$((addr + 64 + 100)) count=1 status=none | od -An -tu1 | tr -d ' ')
+printf "\\$(printf '%03o' $((byte ^ 1)))" | dd of="$tmp/flipped.plc" bs=1 seek=$((addr + 64 + 100)) conv=notrunc status=none
+cmp -s "$pk" "$tmp/flipped.plc" && fail "the byte was not flipped"
+"$plinth" verify "$tmp/flipped.plc" >/dev/null 2>"$tmp/err" && fail "verify missed a flipped byte"
+grep -q "a/big.bin: chunk $id: unreadable: -1127" "$tmp/err" || fail "verify did not name the damage: $(cat "$tmp/err")"
+"$plinth" unpack "$tmp/flipped.plc" "$tmp/back2" >/dev/null 2>&1 && fail "unpack of a damaged container succeeded"
+[ ! -e "$tmp/back2/a/big.bin" ] || fail "unpack kept a damaged file"
+cmp -s "$src/a/b/exact.bin" "$tmp/back2/a/b/exact.bin" || fail "unpack of a damaged container lost a sound file"
+# A chunk replaced with other bytes under a valid checksum: the block hash catches it.
+cp "$pk" "$tmp/swapped.plc"
+"$plinth" container get "$pk" PkDa "$id" > "$tmp/chunk"
+printf 'X' | dd of="$tmp/chunk" bs=1 seek=5 conv=notrunc status=none
+"$plinth" container put "$tmp/swapped.plc" PkDa "$id" "$tmp/chunk" || fail "container put over a data chunk"
+"$plinth" verify "$tmp/swapped.plc" >/dev/null 2>"$tmp/err" && fail "verify missed a replaced chunk"
+grep -q "a/big.bin: chunk $id: block hash mismatch" "$tmp/err" || fail "verify printed: $(cat "$tmp/err")"
+"$plinth" container put "$tmp/swapped.plc" PkDa 999 "$tmp/chunk" || fail "container put of a stray chunk"
+"$plinth" verify "$tmp/swapped.plc" 2>&1 | grep -q "chunk 999 belongs to no file" || fail "verify missed a stray chunk"
+# Hand-made catalogues: one folder entry each, safe or hostile.
+catalogue() {  # path -> catalogue bytes on stdout
+  local path="$1" n=${#1}
+  printf 'tCkP\001\000\001\000\060\000\000\000\001\000\000\000aDkP\002\000\000\000\024\000\000\000'
+  printf '\000\000\020\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000'
+  printf "\\$(printf '%03o' $((40 + n)))\\000\\000\\000\\002\\000\\$(printf '%03o' "$n")\\000\\355\\001\\000\\000"
+  printf '\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000\000'
+  printf '%s' "$path"
+}
+catalogue "good-dir" > "$tmp/cat.bin"
+"$plinth" container put "$tmp/good.plc" PkCt 1 "$tmp/cat.bin" || fail "container put of a catalogue"
+"$plinth" unpack "$tmp/good.plc" "$tmp/good" >/dev/null || fail "unpack of a hand-made catalogue"
+[ -d "$tmp/good/good-dir" ] || fail "the hand-made catalogue made no folder"
+for hostile in "../evil" "sub/../../evil" "/tmp/evil-abs" "a//b"; do
+  catalogue "$hostile" > "$tmp/cat.bin"
+  rm -f "$tmp/hostile.plc"
+  "$plinth" container put "$tmp/hostile.plc" PkCt 1 "$tmp/cat.bin" || fail "container put of a hostile catalogue"
+  "$plinth" unpack "$tmp/hostile.plc" "$tmp/h/in" >/dev/null 2>"$tmp/err" && fail "unpack took '$hostile'"
+  grep -q "catalogue of .* is unusable: -1013" "$tmp/err" || fail "unpack of '$hostile' printed: $(cat "$tmp/err")"
+  expect_exit 1 "verify of '$hostile'" "$plinth" verify "$tmp/hostile.plc"
+done
+[ ! -e "$tmp/h/evil" ] && [ ! -e "$tmp/evil" ] && [ ! -e /tmp/evil-abs ] || fail "a hostile path was made"
 echo "cli_smoke: ok"

@@ -9,5 +9,8 @@ int RunHashCommand(int argc, char** argv);
 int RunIniCommand(int argc, char** argv);
 int RunDeviceCommand(int argc, char** argv);
 int RunContainerCommand(int argc, char** argv);
+int RunPackCommand(int argc, char** argv);
+int RunUnpackCommand(int argc, char** argv);
+int RunVerifyCommand(int argc, char** argv);
 
 #endif  // PLINTH_TOOLS_COMMANDS_H_

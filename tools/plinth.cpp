@@ -25,6 +25,9 @@ const char kUsage[] =
     "  container put FILE TYPE ID SRCFILE\n"
     "  container compact|recover FILE NEWFILE\n"
     "                      look into, change, check and repair chunk container files\n"
+    "  pack DIR FILE       pack a folder into a new chunk container\n"
+    "  unpack FILE DIR     restore a packed folder under DIR\n"
+    "  verify FILE         check every chunk of a packed folder\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
@@ -40,6 +43,9 @@ const Command kCommands[] = {
     {"ini", RunIniCommand},
     {"device", RunDeviceCommand},
     {"container", RunContainerCommand},
+    {"pack", RunPackCommand},
+    {"unpack", RunUnpackCommand},
+    {"verify", RunVerifyCommand},
 };
 
 }  // namespace
