@@ -1,9 +1,9 @@
 // Randomised runs of whole pipelines: random shapes (serial stations and
 // parallel groups, second buffers, the one-buffer stock), random work, errors
-// thrown at random items, cancels and aborts at random points. Every run must
-// end, end for the right reason, deliver its items in the producer's order
-// (a prefix of it when the run failed), give every buffer back, free every
-// block, and restart only after an orderly end.
+// thrown at random items, messages consumed midway, cancels and aborts at
+// random points. Every run must end, end for the right reason, deliver its
+// items in the producer's order (a prefix of it when the run failed), give
+// every buffer back, free every block, and restart only after an orderly end.
 //
 // PLINTH_PIPELINE_STRESS_RUNS sets the number of runs (default 300).
 #include <gtest/gtest.h>
@@ -49,6 +49,13 @@ uint64_t Mix(uint64_t x) {
   x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
   x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
   return x ^ (x >> 31);
+}
+
+// The stage (0 .. stages-1) that consumes the message of this ordinal, or -1
+// when it goes all the way.
+int EaterOf(uint64_t seed, uint64_t ordinal, size_t stages) {
+  uint64_t h = Mix(seed ^ 0xEA7E5ull ^ (ordinal << 20));
+  return h % 4 == 0 ? static_cast<int>((h >> 8) % stages) : -1;
 }
 
 // ---- items ---------------------------------------------------------------
@@ -189,9 +196,10 @@ struct Seen {
 
 class RunState {
  public:
-  explicit RunState(uint64_t seed) : m_seed(seed) {}
+  RunState(uint64_t seed, size_t stages) : m_seed(seed), m_stages(stages) {}
 
   uint64_t seed() const { return m_seed; }
+  size_t stages() const { return m_stages; }
   void NoteSwap() { m_swaps.fetch_add(1); }
   int swaps() const { return m_swaps.load(); }
   void NoteThrow() { m_threw.store(true); }
@@ -209,6 +217,7 @@ class RunState {
 
  private:
   uint64_t m_seed;
+  size_t m_stages;
   std::atomic<bool> m_threw{false};
   std::atomic<int> m_swaps{0};
   std::mutex m_lock;
@@ -246,12 +255,14 @@ class StageWork {
     return ordinal;
   }
 
-  void CheckMsg(const char* name, TPiMsg& msg) {
+  // Checks the payload; consumes the messages chosen for this stage.
+  void Msg(const char* name, TPiMsg& msg, bool& consumed) {
     if (msg.msgId() == kErrPiEndOfWork) return;
     uint64_t ordinal = static_cast<uint64_t>(msg.msgId() - kMsgIdBase);
     if (msg.bufSize() == sizeof ordinal && std::memcmp(msg.buf(), &ordinal, sizeof ordinal) != 0) {
       m_run.Problem(std::string(name) + ": message payload broken");
     }
+    consumed = EaterOf(m_run.seed(), ordinal, m_run.stages()) == m_stage;
   }
 
  private:
@@ -276,7 +287,7 @@ class StressSerial : public TPiSerialStation {
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override {
     m_work.Work(name(), buf, buf2, used2nd);
   }
-  void tryDoMsg(TPiMsg& msg, bool&) override { m_work.CheckMsg(name(), msg); }
+  void tryDoMsg(TPiMsg& msg, bool& consumed) override { m_work.Msg(name(), msg, consumed); }
 
  private:
   StageWork m_work;
@@ -289,7 +300,7 @@ class StressParallel : public TPiParallelStation {
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override {
     m_work.Work(name(), buf, buf2, used2nd);
   }
-  void tryDoMsg(TPiMsg& msg, bool&) override { m_work.CheckMsg(name(), msg); }
+  void tryDoMsg(TPiMsg& msg, bool& consumed) override { m_work.Msg(name(), msg, consumed); }
 
  private:
   StageWork m_work;
@@ -304,8 +315,9 @@ class Recorder : public TPiSerialStation {
     uint64_t ordinal = m_work.Work(name(), buf, buf2, used2nd);
     m_run.recorded.push_back({buf.sequenceNum(), ordinal});
   }
-  void tryDoMsg(TPiMsg& msg, bool&) override {
-    m_work.CheckMsg(name(), msg);
+  void tryDoMsg(TPiMsg& msg, bool& consumed) override {
+    m_work.Msg(name(), msg, consumed);
+    if (consumed) return;
     uint64_t ordinal = msg.msgId() == kErrPiEndOfWork ? kEndMarker : static_cast<uint64_t>(msg.msgId() - kMsgIdBase);
     m_run.recorded.push_back({msg.sequenceNum(), ordinal});
   }
@@ -368,6 +380,7 @@ struct Produced {
   int observedErr = 0;         // what waitForWorkBuf or getMsgBuf answered when it refused
   bool stopped = false;        // cancelled or aborted
   bool started = false;
+  int eaten = 0;  // messages a station consumes
   int whyEnd = 1;
 };
 
@@ -403,7 +416,12 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
       }
       if (size != 0) std::memcpy(msg->buf(), &ordinal, sizeof ordinal);
       mgr.addWork(*msg);
-      out.expected.push_back({++seq, ordinal});
+      ++seq;
+      if (EaterOf(spec.seed, ordinal, spec.stages.size()) >= 0) {
+        out.eaten++;
+      } else {
+        out.expected.push_back({seq, ordinal});
+      }
       continue;
     }
     TPiWorkBuf* buf = mgr.waitForWorkBuf(err);
@@ -540,6 +558,7 @@ void CheckEndedRun(TPipelineMgr& mgr, const RunSpec& spec, RunState& run, const 
   const std::string what = spec.Describe();
   tally[p.whyEnd == 0 ? "orderly" : p.whyEnd == kThrown ? "thrown" : std::to_string(p.whyEnd)]++;
   if (p.observedErr != 0) tally["producer refused a buffer"]++;
+  if (p.eaten != 0) tally["messages consumed midway"]++;
   if (run.swaps() > 0) tally["second buffers sent on"]++;
   std::set<int> allowed = AllowedEnds(spec, p, run.threw());
   EXPECT_TRUE(allowed.count(p.whyEnd) != 0) << "whyEnd " << p.whyEnd << ", expected " << Join(allowed);
@@ -574,7 +593,7 @@ void StressRun(const RunSpec& spec, Tally& tally) {
   TestHost host;
   int64_t blocksBefore = MemLiveBlocks();
   {
-    RunState run(spec.seed);
+    RunState run(spec.seed, spec.stages.size());
     Produced p;
     {
       std::unique_ptr<TPipelineMgr> mgr;
@@ -617,7 +636,8 @@ TEST(PipelineStressThreaded, RandomShapesEndsAndFaults) {
   std::string seen;
   for (const auto& [outcome, count] : tally) seen += " " + outcome + ":" + std::to_string(count);
   for (const char* outcome : {"orderly", "thrown", "-1015", "-1033", "producer refused a buffer",
-                              "second buffers sent on", "restarted", "ended by the destructor"}) {
+                              "second buffers sent on", "restarted", "ended by the destructor",
+                              "messages consumed midway"}) {
     EXPECT_GT(tally[outcome], 0) << "no run ended " << outcome << ";" << seen;
   }
 }
