@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           libssl-dev libcurl4-openssl-dev libtinyxml2-dev clang libclang-rt-14-dev libabsl-dev libisal-dev
-          libsqlite3-dev)
+          libsqlite3-dev libtbb-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
