@@ -88,7 +88,12 @@ bool CHDecodeChunkHeader(const unsigned char* bytes, bool is0100, bool bigEndian
 
 void CHEncodeChunkHeader(const CHChunkHdrSpec& header, bool is0100, unsigned char* bytes) {
   if (!is0100) {
+    // Reserved words are written as zero whatever the record held.
     CHChunkHdrSpec copy = header;
+    copy.reserved0 = 0;
+    copy.reserved40 = 0;
+    copy.reserved44 = 0;
+    std::memset(copy.reserved52, 0, sizeof(copy.reserved52));
     HostToLittleEndian(&copy, kCHChunkHdrLayout, kCHChunkHdrSize);
     std::memcpy(bytes, &copy, kCHChunkHdrSize);
     return;

@@ -166,7 +166,8 @@ PLINTH_API bool CHDecodeChunkHeader(const unsigned char* bytes, bool is0100, boo
                                     CHChunkHdrSpec* header);
 // The little-endian bytes of `header` in the given generation (56 or 64
 // bytes; the 0100 form carries type, id, length, generation, extra, flags
-// and checksum, and zero elsewhere).
+// and checksum, and zero elsewhere; reserved words are always written as
+// zero).
 PLINTH_API void CHEncodeChunkHeader(const CHChunkHdrSpec& header, bool is0100, unsigned char* bytes);
 
 // Decodes `count` stored map entries; 0100 entries are widened (their

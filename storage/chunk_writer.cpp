@@ -109,17 +109,8 @@ int TCHSequentialWriter::AddChunk(const CHChunkHdrSpec& header, const unsigned c
     return kErrCHDuplicate;
   }
 
-  CHChunkHdrSpec stored;
-  std::memset(&stored, 0, sizeof(stored));
-  stored.type = header.type;
-  stored.id = header.id;
-  stored.length = header.length;
-  stored.generation = header.generation;
-  stored.extra = header.extra;
-  stored.flags = header.flags;
-  stored.checksum = header.checksum;
   unsigned char bytes[kCHChunkHdrSize];
-  CHEncodeChunkHeader(stored, m_is0100, bytes);
+  CHEncodeChunkHeader(header, m_is0100, bytes);
 
   uint64_t address = m_next;
   int code = WriteBytes(address, bytes, m_hdrSize);

@@ -227,7 +227,7 @@ class RunState {
 // The work of one stage, shared by its serial or parallel stations.
 class StageWork {
  public:
-  StageWork(const StageSpec& spec, RunState& run, int stage) : m_spec(spec), m_run(run), m_stage(stage) {}
+  StageWork(const StageSpec& plan, RunState& run, int stage) : m_spec(plan), m_run(run), m_stage(stage) {}
 
   // The ordinal the buffer carries; throws at the stage's chosen item.
   uint64_t Work(const char* name, TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) {
@@ -282,8 +282,8 @@ class StageWork {
 
 class StressSerial : public TPiSerialStation {
  public:
-  StressSerial(const std::string& name, TPipelineMgr& mgr, const StageSpec& spec, RunState& run, int stage)
-      : TPiSerialStation(name.c_str(), mgr, spec.use2nd, true), m_work(spec, run, stage) {}
+  StressSerial(const std::string& name, TPipelineMgr& mgr, const StageSpec& plan, RunState& run, int stage)
+      : TPiSerialStation(name.c_str(), mgr, plan.use2nd, true), m_work(plan, run, stage) {}
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override {
     m_work.Work(name(), buf, buf2, used2nd);
   }
@@ -295,8 +295,8 @@ class StressSerial : public TPiSerialStation {
 
 class StressParallel : public TPiParallelStation {
  public:
-  StressParallel(const std::string& name, TPipelineMgr& mgr, const StageSpec& spec, RunState& run, int stage)
-      : TPiParallelStation(name.c_str(), mgr, spec.use2nd), m_work(spec, run, stage) {}
+  StressParallel(const std::string& name, TPipelineMgr& mgr, const StageSpec& plan, RunState& run, int stage)
+      : TPiParallelStation(name.c_str(), mgr, plan.use2nd), m_work(plan, run, stage) {}
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override {
     m_work.Work(name(), buf, buf2, used2nd);
   }
@@ -309,8 +309,8 @@ class StressParallel : public TPiParallelStation {
 // The last host station: notes every item it passes on, in order.
 class Recorder : public TPiSerialStation {
  public:
-  Recorder(TPipelineMgr& mgr, const StageSpec& spec, RunState& run, int stage)
-      : TPiSerialStation("Recorder", mgr, spec.use2nd, true), m_work(spec, run, stage), m_run(run) {}
+  Recorder(TPipelineMgr& mgr, const StageSpec& plan, RunState& run, int stage)
+      : TPiSerialStation("Recorder", mgr, plan.use2nd, true), m_work(plan, run, stage), m_run(run) {}
   void tryDoWorkBuf(TPiWorkBuf& buf, TPiWorkBuf* buf2, bool& used2nd) override {
     uint64_t ordinal = m_work.Work(name(), buf, buf2, used2nd);
     m_run.recorded.push_back({buf.sequenceNum(), ordinal});
@@ -343,22 +343,22 @@ class StressMgr : public TPipelineMgr {
 
 // Stations, sequencing stations and the terminal: one work buffer each. A
 // lone parallel station stays in a serial node and needs no sequencing.
-unsigned ExpectedWorkBufs(const RunSpec& spec) {
-  if (spec.oneBuffer) return 1;
+unsigned ExpectedWorkBufs(const RunSpec& plan) {
+  if (plan.oneBuffer) return 1;
   unsigned n = 1;  // the terminal
-  for (const StageSpec& st : spec.stages) n += static_cast<unsigned>(st.members) + (st.members > 1 ? 1 : 0);
+  for (const StageSpec& st : plan.stages) n += static_cast<unsigned>(st.members) + (st.members > 1 ? 1 : 0);
   return n;
 }
 
-unsigned Expected2ndWorkBufs(const RunSpec& spec) {
+unsigned Expected2ndWorkBufs(const RunSpec& plan) {
   unsigned n = 0;
-  for (const StageSpec& st : spec.stages) n += st.use2nd ? static_cast<unsigned>(st.members) : 0;
-  return spec.oneBuffer ? (n > 0 ? 1 : 0) : n;
+  for (const StageSpec& st : plan.stages) n += st.use2nd ? static_cast<unsigned>(st.members) : 0;
+  return plan.oneBuffer ? (n > 0 ? 1 : 0) : n;
 }
 
-void Build(TPipelineMgr& mgr, const RunSpec& spec, RunState& run) {
-  for (size_t i = 0; i + 1 < spec.stages.size(); ++i) {
-    const StageSpec& st = spec.stages[i];
+void Build(TPipelineMgr& mgr, const RunSpec& plan, RunState& run) {
+  for (size_t i = 0; i + 1 < plan.stages.size(); ++i) {
+    const StageSpec& st = plan.stages[i];
     int stage = static_cast<int>(i);
     std::string name = "S" + std::to_string(i);
     if (!st.parallel) {
@@ -371,7 +371,7 @@ void Build(TPipelineMgr& mgr, const RunSpec& spec, RunState& run) {
       mgr.tryAddStationParallelToLast(*new StressParallel(name + static_cast<char>('a' + m), mgr, st, run, stage));
     }
   }
-  mgr.tryAddStationAfterLast(*new Recorder(mgr, spec.stages.back(), run, static_cast<int>(spec.stages.size() - 1)));
+  mgr.tryAddStationAfterLast(*new Recorder(mgr, plan.stages.back(), run, static_cast<int>(plan.stages.size() - 1)));
 }
 
 // What the producer did.
@@ -386,10 +386,10 @@ struct Produced {
 
 // Starts the pipeline (or leaves it to the first waitForWorkBuf), adds
 // `count` items numbered from `firstOrdinal` (messages among them), then ends
-// the run as the spec says. A run without work, or one whose first item is a
+// the run as the plan says. A run without work, or one whose first item is a
 // message, is started explicitly: the end marker and the messages need the
 // pool, which comes with the start.
-Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t firstOrdinal, std::mt19937_64& rng) {
+Produced Produce(TPipelineMgr& mgr, const RunSpec& plan, int count, uint64_t firstOrdinal, std::mt19937_64& rng) {
   Produced out;
   if (count == 0 || rng() % 2 == 0) {
     mgr.tryStartPipeline();
@@ -398,14 +398,14 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
   uint64_t seq = mgr.lastSequenceNum();
   bool stop = false;
   for (int i = 0; i < count && out.observedErr == 0; ++i) {
-    if (i == spec.stopAt) {
+    if (i == plan.stopAt) {
       stop = true;
-      if (spec.end == EndKind::kCancel) break;
+      if (plan.end == EndKind::kCancel) break;
       static_cast<StressMgr&>(mgr).Abort();  // the producer goes on until the framework tells it
     }
     uint64_t ordinal = firstOrdinal + static_cast<uint64_t>(i);
     int err = 0;
-    if (static_cast<int>(rng() % 100) < spec.messagePercent) {
+    if (static_cast<int>(rng() % 100) < plan.messagePercent) {
       if (!out.started) mgr.tryStartPipeline();
       out.started = true;
       unsigned size = rng() % 2 == 0 ? 0 : sizeof ordinal;
@@ -417,7 +417,7 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
       if (size != 0) std::memcpy(msg->buf(), &ordinal, sizeof ordinal);
       mgr.addWork(*msg);
       ++seq;
-      if (EaterOf(spec.seed, ordinal, spec.stages.size()) >= 0) {
+      if (EaterOf(plan.seed, ordinal, plan.stages.size()) >= 0) {
         out.eaten++;
       } else {
         out.expected.push_back({seq, ordinal});
@@ -430,8 +430,8 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
       out.observedErr = err;
       break;
     }
-    if (buf->bufSize() != spec.bufSize) ADD_FAILURE() << "work buffer of " << buf->bufSize() << " bytes";
-    if (static_cast<int>(rng() % 100) < spec.returnPercent) {
+    if (buf->bufSize() != plan.bufSize) ADD_FAILURE() << "work buffer of " << buf->bufSize() << " bytes";
+    if (static_cast<int>(rng() % 100) < plan.returnPercent) {
       mgr.returnWorkBuf(*buf);
       continue;
     }
@@ -439,26 +439,26 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
     mgr.addWork(*buf);
     out.expected.push_back({++seq, ordinal});
   }
-  if (spec.stopAt == count && spec.end == EndKind::kAbort) {
+  if (plan.stopAt == count && plan.end == EndKind::kAbort) {
     stop = true;
     static_cast<StressMgr&>(mgr).Abort();
   }
-  if (spec.stopAt == count && spec.end == EndKind::kCancel) stop = true;
+  if (plan.stopAt == count && plan.end == EndKind::kCancel) stop = true;
   out.stopped = stop;
   unsigned elapsed, workSecs, bufWait, buf2Wait;
-  if (stop && spec.end == EndKind::kCancel) {
-    mgr.cancelAndWait(spec.cancelCode, out.whyEnd);
+  if (stop && plan.end == EndKind::kCancel) {
+    mgr.cancelAndWait(plan.cancelCode, out.whyEnd);
     return out;
   }
-  if (spec.end == EndKind::kDestroy) {
+  if (plan.end == EndKind::kDestroy) {
     out.expected.push_back({++seq, kEndMarker});
     return out;
   }
-  if (spec.end == EndKind::kEndThenCancel) {
+  if (plan.end == EndKind::kEndThenCancel) {
     mgr.noMoreWorkAndReturn();
     out.expected.push_back({++seq, kEndMarker});
     out.stopped = true;
-    mgr.cancelAndWait(spec.cancelCode, out.whyEnd);
+    mgr.cancelAndWait(plan.cancelCode, out.whyEnd);
     return out;
   }
   bool cancelAfter = out.observedErr != 0 && rng() % 2 == 0;
@@ -466,7 +466,7 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
     mgr.cancelAndWait(0, out.whyEnd);
     return out;
   }
-  bool signalled = spec.end == EndKind::kOrderlySignalledFirst;
+  bool signalled = plan.end == EndKind::kOrderlySignalledFirst;
   if (signalled) mgr.noMoreWorkAndReturn();
   mgr.noMoreWorkAndWaitTillEnd(out.whyEnd, elapsed, workSecs, bufWait, buf2Wait, signalled);
   // Where the run failed, the marker may or may not have got through.
@@ -475,13 +475,13 @@ Produced Produce(TPipelineMgr& mgr, const RunSpec& spec, int count, uint64_t fir
 }
 
 // The reasons a run may have ended with.
-std::set<int> AllowedEnds(const RunSpec& spec, const Produced& p, bool threw) {
+std::set<int> AllowedEnds(const RunSpec& plan, const Produced& p, bool threw) {
   if (p.observedErr == kThrown) return {kThrown};  // the error came first
   if (!p.stopped) return {threw ? kThrown : 0};
   int stopCode = kErrOperationAborted;
-  bool cancelled = spec.end == EndKind::kCancel || spec.end == EndKind::kEndThenCancel;
-  if (cancelled && spec.cancelCode != 0 && spec.cancelCode != kErrPiEndOfWork) {
-    stopCode = spec.cancelCode;
+  bool cancelled = plan.end == EndKind::kCancel || plan.end == EndKind::kEndThenCancel;
+  if (cancelled && plan.cancelCode != 0 && plan.cancelCode != kErrPiEndOfWork) {
+    stopCode = plan.cancelCode;
   }
   if (threw) return {kThrown, stopCode};
   return {stopCode};
@@ -502,10 +502,10 @@ bool HasLine(const TestHost& host, const char* containing) {
 
 // An idle pipeline after an orderly end: every queue drained, the pool
 // holding every work buffer, the manager's own count check clean.
-void CheckIdleAndWhole(TPipelineMgr& mgr, const RunSpec& spec, TestHost& host, const std::string& what) {
+void CheckIdleAndWhole(TPipelineMgr& mgr, const RunSpec& plan, TestHost& host, const std::string& what) {
   EXPECT_FALSE(mgr.isRunning()) << what;
-  EXPECT_EQ(mgr.workBufsCreated(), ExpectedWorkBufs(spec)) << what;
-  EXPECT_EQ(mgr.secondWorkBufsCreated(), Expected2ndWorkBufs(spec)) << what;
+  EXPECT_EQ(mgr.workBufsCreated(), ExpectedWorkBufs(plan)) << what;
+  EXPECT_EQ(mgr.secondWorkBufsCreated(), Expected2ndWorkBufs(plan)) << what;
   const std::vector<TPiQ*>& queues = mgr.queues();
   for (size_t i = 0; i + 1 < queues.size(); ++i) {
     EXPECT_EQ(queues[i]->pending(), 0u) << what << ", queue " << i;
@@ -553,14 +553,14 @@ void ExpectRestartRefused(TPipelineMgr& mgr, int whyEnd) {
 }
 
 // The checks of a run that has ended; then a restart or its refusal.
-void CheckEndedRun(TPipelineMgr& mgr, const RunSpec& spec, RunState& run, const Produced& p, TestHost& host,
+void CheckEndedRun(TPipelineMgr& mgr, const RunSpec& plan, RunState& run, const Produced& p, TestHost& host,
                    std::mt19937_64& rng, Tally& tally) {
-  const std::string what = spec.Describe();
+  const std::string what = plan.Describe();
   tally[p.whyEnd == 0 ? "orderly" : p.whyEnd == kThrown ? "thrown" : std::to_string(p.whyEnd)]++;
   if (p.observedErr != 0) tally["producer refused a buffer"]++;
   if (p.eaten != 0) tally["messages consumed midway"]++;
   if (run.swaps() > 0) tally["second buffers sent on"]++;
-  std::set<int> allowed = AllowedEnds(spec, p, run.threw());
+  std::set<int> allowed = AllowedEnds(plan, p, run.threw());
   EXPECT_TRUE(allowed.count(p.whyEnd) != 0) << "whyEnd " << p.whyEnd << ", expected " << Join(allowed);
   EXPECT_EQ(mgr.whyEnd(), p.whyEnd);
   EXPECT_FALSE(mgr.isRunning());
@@ -572,42 +572,42 @@ void CheckEndedRun(TPipelineMgr& mgr, const RunSpec& spec, RunState& run, const 
     return;
   }
   EXPECT_FALSE(HasLine(host, "--ERR--")) << "an orderly run logged an error";
-  CheckIdleAndWhole(mgr, spec, host, what);
-  if (!spec.restart) return;
+  CheckIdleAndWhole(mgr, plan, host, what);
+  if (!plan.restart) return;
   size_t before = run.recorded.size();
-  RunSpec again = spec;
+  RunSpec again = plan;
   again.end = EndKind::kOrderly;
-  Produced q = Produce(mgr, again, spec.restartItems, static_cast<uint64_t>(spec.items), rng);
+  Produced q = Produce(mgr, again, plan.restartItems, static_cast<uint64_t>(plan.items), rng);
   EXPECT_EQ(q.whyEnd, 0) << "restart";
   std::vector<Seen> tail(run.recorded.begin() + static_cast<std::ptrdiff_t>(before), run.recorded.end());
   CheckOrder(tail, q.expected, true, what + ", restarted");
-  CheckIdleAndWhole(mgr, spec, host, what + ", restarted");
+  CheckIdleAndWhole(mgr, plan, host, what + ", restarted");
   tally["restarted"]++;
 }
 
 // One run: build, produce, end (or leave the end to the destructor), check.
-void StressRun(const RunSpec& spec, Tally& tally) {
-  const std::string what = spec.Describe();
+void StressRun(const RunSpec& plan, Tally& tally) {
+  const std::string what = plan.Describe();
   SCOPED_TRACE(what);
   Watchdog watchdog(what, std::chrono::seconds(60));
   TestHost host;
   int64_t blocksBefore = MemLiveBlocks();
   {
-    RunState run(spec.seed, spec.stages.size());
+    RunState run(plan.seed, plan.stages.size());
     Produced p;
     {
       std::unique_ptr<TPipelineMgr> mgr;
-      if (spec.end == EndKind::kAbort) {
-        mgr = std::make_unique<StressMgr>(spec.bufSize, spec.oneBuffer);
+      if (plan.end == EndKind::kAbort) {
+        mgr = std::make_unique<StressMgr>(plan.bufSize, plan.oneBuffer);
       } else {
-        mgr = std::make_unique<TPipelineMgr>(spec.bufSize, spec.oneBuffer);
+        mgr = std::make_unique<TPipelineMgr>(plan.bufSize, plan.oneBuffer);
       }
-      Build(*mgr, spec, run);
-      std::mt19937_64 rng(spec.seed ^ 0x5EED);
-      p = Produce(*mgr, spec, spec.items, 0, rng);
-      if (spec.end != EndKind::kDestroy) CheckEndedRun(*mgr, spec, run, p, host, rng, tally);
+      Build(*mgr, plan, run);
+      std::mt19937_64 rng(plan.seed ^ 0x5EED);
+      p = Produce(*mgr, plan, plan.items, 0, rng);
+      if (plan.end != EndKind::kDestroy) CheckEndedRun(*mgr, plan, run, p, host, rng, tally);
     }
-    if (spec.end == EndKind::kDestroy) {
+    if (plan.end == EndKind::kDestroy) {
       // The destructor ends the run in order, unless a station failed.
       CheckOrder(run.recorded, p.expected, !run.threw(), what + ", ended by the destructor");
       EXPECT_TRUE(HasLine(host, "TPipelineMgr::~TPipelineMgr: forcing noMoreWorkAndWaitTillEnd"));
@@ -615,7 +615,7 @@ void StressRun(const RunSpec& spec, Tally& tally) {
     }
     for (const std::string& problem : run.problems()) ADD_FAILURE() << problem;
     // Nothing at or behind a failed item gets through.
-    for (const StageSpec& st : spec.stages) {
+    for (const StageSpec& st : plan.stages) {
       if (st.throwAt < 0 || !run.threw()) continue;
       for (const Seen& s : run.recorded) EXPECT_LT(s.ordinal, static_cast<uint64_t>(st.throwAt));
     }
