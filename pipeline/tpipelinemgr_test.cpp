@@ -15,6 +15,7 @@
 #include "pipeline/pisync.h"
 #include "tests/pipeline_stations.h"
 #include "tests/test_host.h"
+#include "tests/watchdog.h"
 
 namespace {
 
@@ -387,6 +388,41 @@ TEST(PipelineMgrThreaded, AbortSignalledByTheHostEndsTheRun) {
   int whyEnd = 0;
   mgr.cancelAndWait(kErrOperationAborted, whyEnd);
   EXPECT_EQ(whyEnd, kErrOperationAborted);
+}
+
+// An abort that is withdrawn between the two questions of a queue's wait
+// ends that waiter with -1. A station ended so must still end the run: the
+// producer and the end wait may not hang on a thread that is gone.
+TEST(PipelineMgrThreaded, WithdrawnAbortNeverLeavesTheRunHanging) {
+  class BlinkingMgr : public TPipelineMgr {
+   public:
+    BlinkingMgr() : TPipelineMgr(kBufSize, false) {}
+    // True for exactly one question once armed.
+    bool isAbortSignaled() override { return armed.exchange(false); }
+    std::atomic<bool> armed{false};
+  };
+  Watchdog watchdog("withdrawn abort", std::chrono::seconds(20));
+  TestHost host;
+  BlinkingMgr mgr;
+  std::atomic<bool> armedOnce{false};
+  mgr.tryAddStationAfterLast(*new FnSerialStation("A", mgr, [&](TPiWorkBuf& buf, TPiWorkBuf*, bool&) {
+    if (ValueOf(buf) == 5 && !armedOnce.exchange(true)) mgr.armed.store(true);
+  }));
+  mgr.tryAddStationAfterLast(*new FnSerialStation("B", mgr, [](TPiWorkBuf&, TPiWorkBuf*, bool&) {}));
+  int err = 0;
+  for (uint32_t i = 1; i <= 50; ++i) {
+    TPiWorkBuf* buf = mgr.waitForWorkBuf(err);
+    if (buf == nullptr && err == kErrPiThread) buf = mgr.waitForWorkBuf(err);
+    if (buf == nullptr) break;
+    std::memcpy(buf->buf(), &i, sizeof(i));
+    mgr.addWork(*buf);
+  }
+  RunStats s = EndRun(mgr);
+  EXPECT_TRUE(s.whyEnd == 0 || s.whyEnd == kErrPiThread) << s.whyEnd;
+  if (s.whyEnd == kErrPiThread) {
+    // The station that saw it first, and every one behind it, logs the end.
+    EXPECT_FALSE(LinesContaining(host, "workUntilEnd:-1 ").empty());
+  }
 }
 
 TEST(PipelineMgr, StructuralRules) {

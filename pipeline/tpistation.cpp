@@ -136,6 +136,9 @@ void TPiStation::workUntilEnd() {
   do {
     waitAndDoWorkOnce(err);
   } while (err == 0);
+  // This thread is gone: the stations behind it, and the producer, must
+  // learn it or they wait for ever. The quiet endings have reached them.
+  if (err != kErrPiEndOfWork && err != kErrOperationAborted) m_sharedOutQ->signalError(err);
   TPipelineMgr::logErrLineWithFilter(err, "%s: workUntilEnd:%d seq=%llu", name(), err,
                                      static_cast<unsigned long long>(sequenceNum()));
 }
