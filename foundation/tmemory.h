@@ -1,10 +1,34 @@
 // TMemory, a handle to a resizable block of bytes.
 //
 // The storage lives on the heap (MemAlloc), in a memory pool (flag
-// kTMemPooled) or in a mapped file (kTMemMapped); this build keeps it on the
-// heap, and asking for the other two is refused with kErrNotSupported.
+// kTMemPooled, foundation/tmempool.h) or in a mapped file (kTMemMapped).
 // Whatever the storage, the bytes are reached through MemPtr(); for pooled
-// storage every MemPtr must be paired with UnLock().
+// storage every MemPtr must be paired with UnLock() (TMemoryPin does both).
+//
+// Pooled storage. SetMemPool names the pool, SetFlags(kTMemPooled, 0) joins
+// it: the block must be empty then (an assertion, "tmemory" line 679,
+// otherwise) and it gets the pool's next identifier. The storage is one pool
+// block, taken at the first non-zero size, so the size is limited to the
+// pool's block size. MemPtr pins the block (it raises the lock count, under
+// the pool's lock; a null answer pins nothing) and stamps it with a new
+// identifier, so that the pool
+// archives the least recently reached blocks first; UnLock releases the
+// pin. An archived block (kTMemMapped | kTMemArchived, no storage) comes
+// back at its next MemPtr, SetSize or AllocBuffer; if that fails MemPtr
+// answers null and CheckError() tells why. Clearing kTMemPooled frees the
+// pool block and deletes any archive file, leaving the block empty.
+//
+// Mapped-file storage. Setting kTMemMapped on a block outside a pool moves
+// its contents into a file of its own, mapped into memory; SetSize resizes
+// the file and its mapping. Clearing it moves the contents back to the heap
+// and deletes the file. A file is always deleted when its block dies.
+//   createMapFile(): makes the block's (empty) file if it has none.
+//   ArchiveToFile(): writes the contents to the file; for a pooled block it
+//     then gives the pool block back (the block is archived).
+//   MapFromFile(): brings the contents back (pooled: into a free pool
+//     block, checking the file against the block's size and checksum).
+//   deleteMapFile(): removes the file; refused with kErrInUse while the
+//     file holds the only copy of the contents.
 //
 // Sizes. The used size (GetSize) and the allocated size are unsigned 32-bit.
 // The allocation runs ahead of the used size: growth past the allocation
@@ -53,7 +77,13 @@ class TString;
 // Flag bits.
 constexpr unsigned int kTMemManaged = 1;
 constexpr unsigned int kTMemPooled = 2;
+// The host forbids archiving this pooled block.
+constexpr unsigned int kTMemKeepResident = 4;
 constexpr unsigned int kTMemMapped = 8;
+// With kTMemMapped: the file is the archive of a pooled block.
+constexpr unsigned int kTMemArchived = 16;
+// Contents moving between a pool block and the archive file.
+constexpr unsigned int kTMemInTransit = 32;
 // Marks of the managed list's users; cleared whenever kTMemManaged is.
 constexpr unsigned int kTMemManagedMarks = 64 | 128;
 // Coarse growth: allocations in steps of 1, 8 or 32 KiB (see AllocSize).
@@ -113,6 +143,14 @@ class PLINTH_API TMemory : public TObject {
   int FromString(const TString& text);
   int CheckError() const { return m_lastError; }
 
+  // Mapped-file storage and pool archives (see above).
+  int createMapFile();
+  int MapFromFile();
+  int ArchiveToFile();
+  int deleteMapFile();
+  // True while the contents are in memory (false once archived).
+  bool IsResident() const;
+
   static int GetUsageCount();
   static uint64_t GetUsageBytes();
   static void MonitorEnter();
@@ -145,6 +183,28 @@ class PLINTH_API TMemory : public TObject {
   int m_lastError = 0;
   TMemory* m_prevManaged = nullptr;
   TMemory* m_nextManaged = nullptr;
+};
+
+// MemPtr for a scope: the bytes stay put until the pin goes, and pooled
+// storage gets its UnLock. Get() is null when the block is empty or could
+// not be brought back (see the block's CheckError()).
+class TMemoryPin {
+ public:
+  explicit TMemoryPin(TMemory& memory) : m_memory(memory), m_ptr(memory.MemPtr()) {
+    m_counted = m_ptr != nullptr && (memory.GetFlags() & kTMemPooled) != 0;
+  }
+  ~TMemoryPin() {
+    if (m_counted) m_memory.UnLock();
+  }
+  TMemoryPin(const TMemoryPin&) = delete;
+  TMemoryPin& operator=(const TMemoryPin&) = delete;
+
+  unsigned char* Get() const { return static_cast<unsigned char*>(m_ptr); }
+
+ private:
+  TMemory& m_memory;
+  void* m_ptr;
+  bool m_counted;
 };
 
 #endif  // PLINTH_FOUNDATION_TMEMORY_H_
