@@ -21,7 +21,9 @@
 // Header fields the block defines beyond its creation values:
 //   offset 12: size limit in kilobytes, 0 for none; growth never passes it
 //     (a pooled space sets it to its pool's block size);
-//   offsets 8, 40, 48..71 and 76: zero, carried unchanged, not checked.
+//   offset 76: slot 0, which no element has; always 0 (LmValid checks it);
+//   offsets 8, 40 and 48..71: zero at creation, carried unchanged, not
+//   checked.
 //
 // Growth. When an add does not fit, the space is compacted; when it still
 // does not fit, the block grows by the growth step (more if the request
@@ -88,7 +90,7 @@ struct LmSpaceSpec {
   uint32_t stepKB;           // 44
   uint32_t reserved48[6];    // 48..71
   uint32_t count;            // 72 slot count
-  uint32_t reserved76;       // 76
+  uint32_t slot0;            // 76 always 0
 };
 static_assert(sizeof(LmSpaceSpec) == kLmHeaderSize, "the header is 80 bytes");
 
