@@ -14,7 +14,11 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TMD5::InitHash(' 'SHA1Digest::update(' 'TBlockHash::HashBlock(' 'TFileLoc::' 'TFile::ReadAt(' \
             'TTextFile::ReadLine(' 'TSectionKeyFile::GetKey(' 'TKeyedFile::' 'UGetPrivateProfileString(' \
             'ChunkManager::CHOpen(' 'ChunkManager::CHSave(' 'ChunkManager::CHVerify(' 'ChunkManager::CHTruncate(' \
-            'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' ; do
+            'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' \
+            'TMemPool::TMemPool(' 'TMemPool::GetFreeMemBlock(' 'TMemPool::FreeMemBlock(' 'TMemPool::GetOldestBlock(' \
+            'TMemPool::ArchiveOldestBlock(' 'TMemPool::Collect(' 'TMemPool::LockFreeMem(' 'TMemPool::GetMaxPoolMem(' \
+            'TMemory::SetMemPool(' 'TMemory::MemPtr(' 'TMemory::createMapFile(' 'TMemory::MapFromFile(' \
+            'TMemory::ArchiveToFile(' 'TMemory::deleteMapFile(' 'TMemory::IsResident(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
