@@ -26,11 +26,8 @@ int TMemory::MappedResize(uint32_t allocSize) {
   int code = allocSize > m_allocSize ? file.SetLength(allocSize) : 0;
   if (code == 0) code = file.Map(allocSize);
   if (code == 0 && allocSize < m_allocSize) code = file.SetLength(allocSize);
-  if (code != 0) {
-    LogLine(514, u"TMemory::SetSize: cannot resize the mapped file %s to %K, %E", &m_file->m_path,
-            Kilobytes(allocSize), code);
-    return code;
-  }
+  // SetSize reports the failure; the errno's own line tells the cause.
+  if (code != 0) return code;
   m_ptr = file.Address();
   m_allocSize = allocSize;
   return 0;

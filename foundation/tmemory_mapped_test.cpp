@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "foundation/tmemory.h"
-#include "foundation/tmempool_testing.h"
 #include "foundation/tstring.h"
+#include "tests/pool_scratch.h"
 #include "tests/test_host.h"
 
 namespace {

@@ -15,8 +15,8 @@
 
 #include "foundation/tmemory.h"
 #include "foundation/tmempool.h"
-#include "foundation/tmempool_testing.h"
 #include "foundation/tstring.h"
+#include "tests/pool_scratch.h"
 #include "tests/test_host.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "foundation/tmemory.h"
-#include "foundation/tmempool_testing.h"
 #include "platform/vmem.h"
+#include "tests/pool_scratch.h"
 #include "tests/test_host.h"
 
 namespace {
@@ -173,6 +173,24 @@ TEST(TMemPoolTest, OldestBlockSkipsLockedAndFlaggedOwners) {
   EXPECT_EQ(scratch.Files().size(), 1u);
   // An archived owner has no block, so it is no candidate either.
   EXPECT_EQ(pool.GetOldestBlock(&ownerId), indexOf(blocks[2]));
+}
+
+// Owners of equal age: the first in list order. A mapped file that is not
+// a pool archive is never a candidate.
+TEST(TMemPoolTest, OldestBlockTiesAndMappedOwners) {
+  ScopedPoolScratch scratch(64ull << 20);
+  TMemPool pool(kBlock);
+  TMemory mapped;
+  ASSERT_EQ(mapped.SetFlags(kTMemMapped, 0), 0);
+  TMemory plain;
+  for (int i = 0; i < 3; ++i) ASSERT_NE(pool.AllocateMemBlock(1), nullptr);
+  pool.SetMemBlockOwner(pool.GetMemBlock(0), &mapped);
+  pool.SetMemBlockOwner(pool.GetMemBlock(1), &plain);
+  pool.SetMemBlockOwner(pool.GetMemBlock(2), &plain);
+  unsigned int ownerId = 1;
+  EXPECT_EQ(pool.GetOldestBlock(&ownerId), 1);
+  EXPECT_EQ(ownerId, 0u);
+  for (int i = 0; i < 3; ++i) pool.SetMemBlockOwner(pool.GetMemBlock(i), nullptr);
 }
 
 TEST(TMemPoolTest, ArchiveOfAFreeBlockIsRefused) {

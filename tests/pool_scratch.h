@@ -1,7 +1,7 @@
 // Helpers of the pool tests: a scratch folder standing in for the temporary
 // folder, the ceiling put back afterwards, and the archive files it holds.
-#ifndef PLINTH_FOUNDATION_TMEMPOOL_TESTING_H_
-#define PLINTH_FOUNDATION_TMEMPOOL_TESTING_H_
+#ifndef PLINTH_TESTS_POOL_SCRATCH_H_
+#define PLINTH_TESTS_POOL_SCRATCH_H_
 
 #include <cstdint>
 #include <cstdlib>
@@ -54,4 +54,4 @@ class ScopedPoolScratch {
   std::string m_old;
 };
 
-#endif  // PLINTH_FOUNDATION_TMEMPOOL_TESTING_H_
+#endif  // PLINTH_TESTS_POOL_SCRATCH_H_
