@@ -2,6 +2,7 @@
 #include "storage/element_space.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -99,9 +100,9 @@ int AddElement(ElementSpace& space, const char* data, int length, uint32_t sourc
       return kErrLmFull;
     }
     // Bytes from inside the block would move with it: take a copy first.
-    const unsigned char* bytes = view.Bytes();
-    if (data != nullptr && length > 0 && reinterpret_cast<const unsigned char*>(data) < bytes + view.Size() &&
-        reinterpret_cast<const unsigned char*>(data) + length > bytes) {
+    auto low = reinterpret_cast<uintptr_t>(view.Bytes());
+    auto from = reinterpret_cast<uintptr_t>(data);
+    if (data != nullptr && length > 0 && from < low + view.Size() && from + static_cast<uintptr_t>(length) > low) {
       own.assign(data, data + length);
       data = own.data();
     }
