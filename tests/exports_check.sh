@@ -18,11 +18,13 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TMemPool::TMemPool(' 'TMemPool::GetFreeMemBlock(' 'TMemPool::FreeMemBlock(' 'TMemPool::GetOldestBlock(' \
             'TMemPool::ArchiveOldestBlock(' 'TMemPool::Collect(' 'TMemPool::LockFreeMem(' 'TMemPool::GetMaxPoolMem(' \
             'TMemory::SetMemPool(' 'TMemory::MemPtr(' 'TMemory::createMapFile(' 'TMemory::MapFromFile(' \
-            'TMemory::ArchiveToFile(' 'TMemory::deleteMapFile(' 'TMemory::IsResident(' ; do
+            'TMemory::ArchiveToFile(' 'TMemory::deleteMapFile(' 'TMemory::IsResident(' \
+            'ElementSpace::LmAdd(' 'ElementSpace::LmValid(' 'ElementSpace::LmRepair(' 'ElementSpace::LmFromBE(' \
+            'LmStoreChunk(' 'LmLoadChunk(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
-for hidden in 'LogLine(' 'platform::' ; do
+for hidden in 'LogLine(' 'platform::' 'lm_internal::' ; do
   if grep -qF "$hidden" <<<"$syms"; then fail "internal symbol exported: $hidden"; fi
 done
 echo "exports_check: ok"
