@@ -39,7 +39,8 @@ std::string Read(const std::string& b, Image* out) {
   Image& im = *out;
   im.size = static_cast<uint32_t>(b.size());
   if (Word(b, 0) != kMagic) return Fault("magic", Word(b, 0));
-  if (Half(b, 4) != 0x0100 || Half(b, 6) != 0x0100) return Fault("versions", Word(b, 4));
+  // Readable when its oldest reader is no newer than this layout.
+  if (Half(b, 4) > 0x0100) return Fault("oldest reader version", Half(b, 4));
   im.sizeLimitKB = Word(b, 12);
   im.dataStart = Word(b, 16);
   im.dataEnd = Word(b, 20);

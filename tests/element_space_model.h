@@ -33,8 +33,8 @@ class LmModelRun {
   // Runs on `space` (not owned; a copy the run continues on is owned).
   LmModelRun(ElementSpace* space, uint32_t seed, TestHost* host, LmModelOptions options = LmModelOptions());
 
-  // One random operation and the checks after it; false once any check of
-  // the test has failed.
+  // One random operation and the checks after it; false once a check of
+  // this run has failed.
   bool Step(int step);
   // The checks alone.
   void Verify();
@@ -98,6 +98,7 @@ class LmModelRun {
   bool m_fixed = false;
   int m_resizes = 0;
   int m_refusals = 0;
+  int m_failures;  // of the test when the run began
 };
 
 #endif  // PLINTH_TESTS_ELEMENT_SPACE_MODEL_H_
