@@ -25,19 +25,47 @@
 //   offsets 8, 40 and 48..71: zero at creation, carried unchanged, not
 //   checked.
 //
-// Growth. When an add does not fit, the space is compacted; when it still
-// does not fit, the block grows by the growth step (more if the request
-// needs more) and the data area moves up to the new end. The step doubles
-// whenever a quarter of the block's size exceeds it, never below the
-// initial size and never above 16384 KiB. A fixed-size space (flag bit 0)
-// grows only by what the request needs. No block grows past 0x7FFFFFFF
-// bytes or past its size limit.
+// Growth. A request fits when its physical size is at most LmAvail(),
+// which keeps room for one more slot. When an add does not fit, the space
+// is compacted (if it holds any free records); when it still does not fit,
+// the block grows by the growth step (more if the request needs more) and
+// the data area moves up to the new end. Before each growth the step
+// doubles while a quarter of the block's size exceeds it; it stays within
+// [initial size, 16384 KiB]. A fixed-size space (flag bit 0) grows only by
+// what the request needs and keeps its step. No block grows past
+// 0x7FFFFFFF bytes or past its size limit: growth is cut at the limit, and
+// a request the limit cannot take fails with kErrMemOutOfMemory.
 //
 // Locking. LmLock raises the header's lock count and pins the block (a
 // pooled space then cannot be archived); LmGet's pointer is only stable
 // while the space is locked or while nothing moves the block. Anything that
-// can move records (add, dupe, a growing set, compaction, reservation) on a
-// locked space is a broken invariant: Debug("lmspace", ...) and kErrInUse.
+// can move records (add, dupe, a set that needs a larger record,
+// compaction, reservation) on a locked space is a broken invariant:
+// Debug("lmspace", ...) and kErrInUse. Removing, marking and shrinking
+// move nothing and are allowed. Unlocking an unlocked space is a broken
+// invariant too (kErrBadParameter).
+//
+// The consistency check (LmValid) reads nothing outside the block,
+// whatever its bytes, and names the first fault in this order: header
+// (block under 84 bytes, magic, oldest-reader version above 0x0100), data
+// end below data start, data end past the block, slot table reaching data
+// start (or a count above 0x8000000), alignment of data start and of every
+// slot offset, alignment of data end, slot 0; then the walk of the records
+// from data start: a negative length, a length above 0x7FFFFFF8 or a record
+// running past the block ("size is out of range"), a walk that passes data
+// end ("ended up wrong"); then the slots: an offset that is not a record
+// start inside the data area, two slots on one record; last the zero count.
+//
+// Repair keeps every element whose slot (before the first slot that would
+// lie at or above a kept record) points at a well-formed record inside the
+// block, the first claimant of a record winning; it packs them at the end
+// of the block with clean padding, keeps their marks and rebuilds the
+// header, zero count and slot table. The stored lock count is cleared when
+// nothing holds the space. A block without the magic or with a newer
+// oldest-reader version becomes a new empty space (LmNew(0, 0)).
+//
+// Operations other than LmValid and LmRepair expect a consistent block;
+// they refuse a block under 84 bytes and check numbers against the table.
 //
 // Errors. Operations answer 0 (or their result) or a library code, with one
 // debug line at 515: kErrBadParameter for an argument out of range,
@@ -118,10 +146,12 @@ class PLINTH_API ElementSpace : public TMemory {
   int LmSetAssert(int n, int length);
 
   // Frees number n (its mark goes with it); trailing free numbers are
-  // dropped from the table. Removing a free number changes nothing.
+  // dropped from the table. Removing a free number changes nothing; a
+  // number outside 1..count is refused with a line.
   int LmRemove(int n);
   // Exchanges the contents of m and n (either may be free); the marks stay
-  // with the numbers.
+  // with the numbers (a number left free has none) and a trailing free
+  // number is dropped.
   int LmSwap(int m, int n);
   // The element's bytes; null (and a line) for a bad or free number.
   char* LmGet(int n);
@@ -132,6 +162,7 @@ class PLINTH_API ElementSpace : public TMemory {
   // Non-zero when n is a used number.
   int LmTest(int n);
 
+  // Sets the mark of used number n; a free or bad number is refused.
   int LmMark(int n);
   // Clears every mark.
   void LmUnmark();
@@ -139,11 +170,13 @@ class PLINTH_API ElementSpace : public TMemory {
   // marks; answers how many were removed.
   int LmCollect();
 
+  // 0 or a code.
   int LmLock();
   int LmUnlock();
 
   // The physical size of a record of `length` bytes; 0 when out of range.
   static int LmPhys(int length);
+  // dataStart - (4 * count + 84): -4 when the table meets the data.
   int LmAvail();
   int LmEnd();
   int LmCount();

@@ -14,11 +14,13 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TMD5::InitHash(' 'SHA1Digest::update(' 'TBlockHash::HashBlock(' 'TFileLoc::' 'TFile::ReadAt(' \
             'TTextFile::ReadLine(' 'TSectionKeyFile::GetKey(' 'TKeyedFile::' 'UGetPrivateProfileString(' \
             'ChunkManager::CHOpen(' 'ChunkManager::CHSave(' 'ChunkManager::CHVerify(' 'ChunkManager::CHTruncate(' \
-            'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' ; do
+            'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' \
+            'ElementSpace::LmAdd(' 'ElementSpace::LmValid(' 'ElementSpace::LmRepair(' 'ElementSpace::LmFromBE(' \
+            'LmStoreChunk(' 'LmLoadChunk(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
-for hidden in 'LogLine(' 'platform::' ; do
+for hidden in 'LogLine(' 'platform::' 'lm_internal::' ; do
   if grep -qF "$hidden" <<<"$syms"; then fail "internal symbol exported: $hidden"; fi
 done
 echo "exports_check: ok"

@@ -1,0 +1,116 @@
+// Element spaces held in big-endian order: reading them as they are, and
+// turning them into host order.
+#include <cstring>
+
+#include "foundation/errors.h"
+#include "foundation/format_checked.h"
+#include "foundation/hooks.h"
+#include "storage/element_space.h"
+#include "storage/element_space_internal.h"
+
+using lm_internal::BigOrder;
+using lm_internal::HostOrder;
+using lm_internal::kOffLock;
+using lm_internal::kOffMagic;
+using lm_internal::kOffOldestReader;
+using lm_internal::kOffWriter;
+using lm_internal::Phys;
+using lm_internal::SlotAt;
+
+namespace {
+
+constexpr int kLogLevel = 515;
+using BigView = lm_internal::LmViewOf<BigOrder>;
+
+}  // namespace
+
+char* ElementSpace::LmGetBE(int n) {
+  BigView view(*this);
+  uint32_t count = view.Usable() ? view.Count() : 0;
+  if (n < 1) {
+    LogLineChecked(kLogLevel, u"LmGet: ndex = %~d < 1", n);
+    return nullptr;
+  }
+  if (static_cast<uint32_t>(n) > count) {
+    LogLineChecked(kLogLevel, u"LmGet: ndex = %~d > nsp->count = %~d", n, static_cast<int32_t>(count));
+    return nullptr;
+  }
+  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
+  if (record == 0) {
+    LogLineChecked(kLogLevel, u"LmGet: ndex = %~d, zero offset", n);
+    return nullptr;
+  }
+  return reinterpret_cast<char*>(view.Bytes() + record + 4);
+}
+
+int ElementSpace::LmSizeBE(int n) {
+  BigView view(*this);
+  if (!view.Usable() || n < 1 || static_cast<uint32_t>(n) > view.Count()) {
+    LogLineChecked(kLogLevel, u"LmSize: ndex = %~d, not in range", n);
+    return kErrBadParameter;
+  }
+  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
+  return record == 0 ? 0 : static_cast<int>(view.Get(record));
+}
+
+int ElementSpace::LmLockBE() {
+  {
+    BigView view(*this);
+    if (!view.Usable()) return kErrInvalidData;
+    view.Put(kOffLock, view.Get(kOffLock) + 1);
+  }
+  Lock();
+  return 0;
+}
+
+int ElementSpace::LmUnlockBE() {
+  {
+    BigView view(*this);
+    if (!view.Usable() || view.Get(kOffLock) == 0) {
+      Debug("lmspace", __LINE__, 0);
+      return kErrBadParameter;
+    }
+    view.Put(kOffLock, view.Get(kOffLock) - 1);
+  }
+  if (GetLockCount() > 0) UnLock();
+  return 0;
+}
+
+int ElementSpace::LmValidBE() {
+  BigView view(*this);
+  return lm_internal::ReportFault(lm_internal::CheckBig(view.Bytes(), view.Size()));
+}
+
+bool ElementSpace::LmIsBE() {
+  BigView view(*this);
+  return view.Size() >= 4 && view.Get(kOffMagic) == kLmMagic && HostOrder::Get(view.Bytes()) != kLmMagic;
+}
+
+int ElementSpace::LmFromBE() {
+  BigView view(*this);
+  int status = lm_internal::ReportFault(lm_internal::CheckBig(view.Bytes(), view.Size()));
+  if (status != 0) {
+    LogLineChecked(kLogLevel, u"LmFromBE: not a big-endian element space, %E", status);
+    return status;
+  }
+  unsigned char* bytes = view.Bytes();
+  auto swap = [bytes](uint32_t offset) { HostOrder::Put(bytes + offset, BigOrder::Get(bytes + offset)); };
+  // Records first, while the header still tells where they are.
+  uint32_t end = view.End();
+  for (uint32_t at = view.Start(); at < end;) {
+    uint32_t length = view.Get(at);
+    swap(at);
+    at += Phys(length);
+  }
+  uint32_t count = view.Count();
+  for (uint32_t n = 1; n <= count; ++n) swap(SlotAt(n));
+  for (uint32_t offset = 0; offset < kLmHeaderSize; offset += 4) {
+    if (offset == kOffOldestReader) continue;
+    swap(offset);
+  }
+  for (uint32_t offset : {kOffOldestReader, kOffWriter}) {
+    uint16_t value = BigOrder::Get16(bytes + offset);
+    std::memcpy(bytes + offset, &value, 2);
+  }
+  return 0;
+}
