@@ -7,6 +7,9 @@
 #include "foundation/hooks.h"
 #include "foundation/log.h"
 #include "foundation/memory.h"
+#include "foundation/tmemory_file.h"
+#include "foundation/tmempool.h"
+#include "foundation/tmempool_internal.h"
 #include "foundation/tstring.h"
 
 namespace {
@@ -45,7 +48,7 @@ TMemory::TMemory(const TMemory& other, TMemPool* pool) : TObject(), m_priority(o
   if ((other.m_flags & kTMemManaged) != 0) SetFlags(kTMemManaged, 0);
   if (pool != nullptr) {
     m_pool = pool;
-    SetFlags(kTMemPooled, 0);
+    AdoptHeapContents();
   }
 }
 
@@ -57,6 +60,15 @@ TMemory& TMemory::operator=(const TMemory& other) {
 
 TMemory::~TMemory() {
   if (GetLockCount() != 0) Debug("tmemory", __LINE__, 0);
+  if ((m_flags & kTMemPooled) != 0) {
+    TMemoryMonitor monitor;
+    GiveBackPoolBlock();
+    DropArchive();
+    if (m_pool != nullptr) m_pool->AddRemovePoolUser(this, 0);
+  } else if (m_file != nullptr) {
+    CloseFile(true);
+    m_ptr = nullptr;
+  }
   if ((m_flags & kTMemManaged) != 0) {
     std::lock_guard<std::recursive_mutex> guard(Managed().lock);
     LeaveManaged();
@@ -65,12 +77,22 @@ TMemory::~TMemory() {
 }
 
 int TMemory::CopyFrom(const TMemory& other) {
+  if (this == &other) return Record(0);
+  // Pinning may bring an archived source back into its pool.
+  auto& source = const_cast<TMemory&>(other);
   uint32_t size = other.m_size;
-  if (size > m_allocSize) {
+  // Pooled first: the allocation of a pooled block is the pool's to change.
+  if ((m_flags & kTMemPooled) != 0 || size > m_allocSize) {
     int code = AllocBuffer(size);
     if (code != 0) return code;
   }
-  if (size != 0) std::memcpy(m_ptr, other.m_ptr, size);
+  if (size != 0) {
+    TMemoryPin from(source);
+    TMemoryPin to(*this);
+    if (from.Get() == nullptr) return Record(other.m_lastError != 0 ? other.m_lastError : kErrMemOutOfMemory);
+    if (to.Get() == nullptr) return Record(m_lastError != 0 ? m_lastError : kErrMemOutOfMemory);
+    std::memcpy(to.Get(), from.Get(), size);
+  }
   // A shrink left over from the old contents; never fails.
   if (size < m_size) return SetSize(size);
   uint32_t oldSize = m_size;
@@ -92,6 +114,7 @@ int TMemory::SetSize(uint64_t size, int priority) {
     return Record(kErrMemSizeTooLarge);
   }
   uint32_t newSize = static_cast<uint32_t>(size);
+  if ((m_flags & kTMemPooled) != 0) return Record(PooledSetSize(newSize, priority));
   // Small shrinks never move the block: a buffer that breathes by a few
   // bytes must not reallocate every time.
   if (newSize != 0 && newSize < m_size && m_size - newSize < kSmallShrink) {
@@ -157,6 +180,7 @@ void TMemory::ShrinkInPlace(uint32_t size) {
 }
 
 bool TMemory::ResizeStorage(uint32_t allocSize) {
+  if ((m_flags & kTMemMapped) != 0) return MappedResize(allocSize) == 0;
   void* fresh = MemTryRealloc(m_ptr, allocSize);
   if (fresh == nullptr) return false;
   m_ptr = fresh;
@@ -165,6 +189,10 @@ bool TMemory::ResizeStorage(uint32_t allocSize) {
 }
 
 void TMemory::ReleaseStorage() {
+  if ((m_flags & kTMemMapped) != 0) {
+    MappedRelease();
+    return;
+  }
   MemFree(m_ptr);
   m_ptr = nullptr;
   m_size = 0;
@@ -172,6 +200,9 @@ void TMemory::ReleaseStorage() {
 }
 
 int TMemory::AllocBuffer(uint64_t size, int priority) {
+  if ((m_flags & kTMemPooled) != 0 && size <= kMaxSize) {
+    return Record(PooledAllocBuffer(static_cast<uint32_t>(size), priority));
+  }
   if (GetLockCount() != 0) {
     if (size > m_allocSize) {
       LogLine(514, u"TMemory::AllocBuffer: block is locked, %E", kErrInUse);
@@ -187,7 +218,10 @@ int TMemory::AllocBuffer(uint64_t size, int priority) {
   return SetSize(size, priority);
 }
 
-void* TMemory::MemPtr() { return m_ptr; }
+void* TMemory::MemPtr() {
+  if ((m_flags & kTMemPooled) != 0) return PooledMemPtr();
+  return m_ptr;
+}
 
 void TMemory::Lock() { m_lockCount.fetch_add(1, std::memory_order_relaxed); }
 
@@ -196,10 +230,13 @@ void TMemory::UnLock() {
     Debug("tmemory", __LINE__, 0);
     return;
   }
-  m_lockCount.fetch_sub(1, std::memory_order_relaxed);
+  // Release: a pool that sees the count drop also sees the writes made
+  // under the pin.
+  m_lockCount.fetch_sub(1, std::memory_order_release);
 }
 
 int TMemory::Reset() {
+  if ((m_flags & kTMemPooled) != 0) return Record(PooledReset());
   if (GetLockCount() != 0) {
     LogLine(514, u"TMemory::Reset: block is locked, %E", kErrInUse);
     return Record(kErrInUse);
@@ -211,11 +248,19 @@ int TMemory::Reset() {
 }
 
 void TMemory::Zero() {
-  if (m_size != 0) std::memset(m_ptr, 0, m_size);
+  if (m_size == 0) return;
+  TMemoryPin pin(*this);
+  if (pin.Get() != nullptr) std::memset(pin.Get(), 0, m_size);
 }
 
 int TMemory::ToString(TString* out) const {
-  out->Assign(static_cast<const char16_t*>(m_ptr), static_cast<int>(m_size / 2));
+  // Pinning may bring archived contents back.
+  TMemoryPin pin(const_cast<TMemory&>(*this));
+  if (pin.Get() == nullptr && m_size != 0) {
+    out->Clear();
+    return m_lastError != 0 ? m_lastError : kErrMemOutOfMemory;
+  }
+  out->Assign(reinterpret_cast<const char16_t*>(pin.Get()), static_cast<int>(m_size / 2));
   return 0;
 }
 
@@ -223,31 +268,37 @@ int TMemory::FromString(const TString& text) {
   uint64_t size = static_cast<uint64_t>(text.GetLength()) * sizeof(char16_t);
   int code = AllocBuffer(size);
   if (code != 0) return code;
-  if (size != 0) std::memcpy(m_ptr, text.GetConstBuffer(), size);
+  if (size == 0) return Record(0);
+  TMemoryPin pin(*this);
+  if (pin.Get() == nullptr) return Record(m_lastError != 0 ? m_lastError : kErrMemOutOfMemory);
+  std::memcpy(pin.Get(), text.GetConstBuffer(), size);
   return Record(0);
 }
 
 int TMemory::SetMemPool(TMemPool* pool) {
-  if ((m_flags & kTMemPooled) != 0 && pool != m_pool) {
-    LogLine(514, u"TMemory::SetMemPool: pooled storage not available, %E", kErrNotSupported);
-    return Record(kErrNotSupported);
-  }
+  if ((m_flags & kTMemPooled) != 0 && pool != m_pool) return Record(MoveToPool(pool));
   m_pool = pool;
   return Record(0);
 }
 
 int TMemory::SetFlags(unsigned int set, unsigned int clear) {
   std::lock_guard<std::recursive_mutex> guard(Managed().lock);
-  unsigned int next = (m_flags | set) & ~clear & 0xFFFFu;
+  constexpr unsigned int kPoolOwnBits = kTMemMapped | kTMemArchived;
+  unsigned int old = m_flags;
+  unsigned int next = (old | set) & ~clear & 0xFFFFu;
   if ((clear & kTMemManaged) != 0) next &= ~kTMemManagedMarks;
-  unsigned int changed = m_flags ^ next;
+  unsigned int changed = old ^ next;
   if ((changed & kTMemPooled) != 0) {
-    LogLine(514, u"TMemory::SetFlags: pooled storage not available, %E", kErrNotSupported);
-    return Record(kErrNotSupported);
-  }
-  if ((changed & kTMemMapped) != 0) {
-    LogLine(514, u"TMemory::SetFlags: mapped-file storage not available, %E", kErrNotSupported);
-    return Record(kErrNotSupported);
+    int code = (next & kTMemPooled) != 0 ? JoinPool() : LeavePool();
+    if (code != 0) return Record(code);
+    next &= ~(kPoolOwnBits | kTMemInTransit);
+  } else if ((old & kTMemPooled) != 0) {
+    // On a pooled block these bits tell where the pool keeps the contents;
+    // only the pool changes them.
+    next = (next & ~kPoolOwnBits) | (old & kPoolOwnBits);
+  } else if ((changed & kTMemMapped) != 0) {
+    int code = (next & kTMemMapped) != 0 ? MoveHeapToFile() : MoveFileToHeap();
+    if (code != 0) return Record(code);
   }
   if ((changed & kTMemManaged) != 0) {
     if ((next & kTMemManaged) != 0) {
@@ -258,6 +309,10 @@ int TMemory::SetFlags(unsigned int set, unsigned int clear) {
   }
   m_flags = static_cast<uint16_t>(next);
   return Record(0);
+}
+
+void TMemory::ChangeFlags(unsigned int set, unsigned int clear) {
+  m_flags = static_cast<uint16_t>((m_flags | set) & ~clear);
 }
 
 // The two below run under the monitor.

@@ -19,16 +19,23 @@
 // pool block and deletes any archive file, leaving the block empty.
 //
 // Mapped-file storage. Setting kTMemMapped on a block outside a pool moves
-// its contents into a file of its own, mapped into memory; SetSize resizes
-// the file and its mapping. Clearing it moves the contents back to the heap
-// and deletes the file. A file is always deleted when its block dies.
-//   createMapFile(): makes the block's (empty) file if it has none.
-//   ArchiveToFile(): writes the contents to the file; for a pooled block it
-//     then gives the pool block back (the block is archived).
-//   MapFromFile(): brings the contents back (pooled: into a free pool
-//     block, checking the file against the block's size and checksum).
-//   deleteMapFile(): removes the file; refused with kErrInUse while the
-//     file holds the only copy of the contents.
+// its contents into a file of its own in the temporary folder, mapped into
+// memory; SetSize resizes the file and its mapping. Clearing it moves the
+// contents back to the heap and deletes the file. A file is always deleted
+// when its block dies. On a pooled block kTMemMapped and kTMemArchived
+// belong to the pool: SetFlags leaves them as they are.
+//   createMapFile(): outside a pool, as SetFlags(kTMemMapped, 0) (0 when
+//     the block has its file); pooled blocks get kErrNotSupported.
+//   ArchiveToFile(): pooled: writes the contents to an archive file and
+//     gives the pool block back (the block is archived); a write failure
+//     leaves the block resident and unchanged. Outside a pool as
+//     createMapFile (a mapped file always holds the contents).
+//   MapFromFile(): pooled: brings archived contents back into a free pool
+//     block, checking the file against the block's size and checksum
+//     (kErrFileCorrupt leaves the block archived). Otherwise nothing to do.
+//   deleteMapFile(): outside a pool, moves the contents back to the heap
+//     and removes the file; refused with kErrInUse for a pooled block's
+//     archive, which holds the only copy of the contents.
 //
 // Sizes. The used size (GetSize) and the allocated size are unsigned 32-bit.
 // The allocation runs ahead of the used size: growth past the allocation
@@ -64,12 +71,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "foundation/errors.h"
 #include "foundation/export.h"
 #include "foundation/tobject.h"
 
 class TMemPool;
+class TMemoryFile;
 class TString;
 
 // Library error codes of this module.
@@ -111,7 +120,7 @@ class PLINTH_API TMemory : public TObject {
   uint32_t GetAllocatedSize() const { return m_allocSize; }
   // The age stamp given when the block joined a pool (0 on the heap).
   uint32_t GetLastUsed() const { return m_id; }
-  uint16_t GetFlags() const { return m_flags; }
+  uint16_t GetFlags() const { return m_flags.load(std::memory_order_relaxed); }
   // Flags become (old | set) & ~clear, under the monitor.
   int SetFlags(unsigned int set, unsigned int clear);
   int GetLockCount() const { return m_lockCount.load(std::memory_order_relaxed); }
@@ -162,6 +171,8 @@ class PLINTH_API TMemory : public TObject {
   static uint64_t AllocSize(uint64_t size, unsigned int flags);
 
  private:
+  friend class TMemPool;
+
   int Record(int code) { return m_lastError = code; }
   int CopyFrom(const TMemory& other);
   int Grow(uint32_t size, int priority);
@@ -171,11 +182,37 @@ class PLINTH_API TMemory : public TObject {
   void UsedSizeChanged(uint32_t oldSize);
   void JoinManaged();
   void LeaveManaged();
+  // Under the monitor: flags become (old | set) & ~clear, with no side effect.
+  void ChangeFlags(unsigned int set, unsigned int clear);
+
+  // Pooled storage (tmemory_pooled.cpp); all run under the monitor.
+  int PooledSetSize(uint32_t size, int priority);
+  int PooledAllocBuffer(uint32_t size, int priority);
+  void* PooledMemPtr();
+  int PooledReset();
+  int JoinPool();
+  int LeavePool();
+  int MoveToPool(TMemPool* pool);
+  int AdoptHeapContents();
+  void GiveBackPoolBlock();
+  void DropArchive();
+  int ArchivePooled();
+  int RestorePooled();
+  void LoseToDyingPool();
+
+  // Mapped-file storage outside a pool (tmemory_mapped.cpp).
+  int MappedResize(uint32_t allocSize);
+  void MappedRelease();
+  int MoveHeapToFile();
+  int MoveFileToHeap();
+  void CloseFile(bool remove);
 
   void* m_ptr = nullptr;
   uint32_t m_size = 0;
   uint32_t m_allocSize = 0;
-  uint16_t m_flags = 0;
+  // Written under the monitor; atomic because a pool may read it from
+  // another thread while the handle's own thread looks at it.
+  std::atomic<uint16_t> m_flags{0};
   std::atomic<int32_t> m_lockCount{0};  // read by the pools under their lock
   int16_t m_priority = kMemPriorityNormal;
   TMemPool* m_pool = nullptr;
@@ -183,6 +220,7 @@ class PLINTH_API TMemory : public TObject {
   int m_lastError = 0;
   TMemory* m_prevManaged = nullptr;
   TMemory* m_nextManaged = nullptr;
+  std::unique_ptr<TMemoryFile> m_file;  // the mapped file or pool archive
 };
 
 // MemPtr for a scope: the bytes stay put until the pin goes, and pooled

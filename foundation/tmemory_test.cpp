@@ -204,27 +204,6 @@ TEST(TMemoryTest, ManagedListCountsBlocksAndSizes) {
   EXPECT_EQ(TMemory::GetUsageBytes(), bytes);
 }
 
-TEST(TMemoryTest, PooledAndMappedStorageAreRefused) {
-  TestHost host;
-  TMemory block;
-  ASSERT_EQ(block.FromString(u"abc"), 0);
-  EXPECT_EQ(block.SetFlags(kTMemPooled, 0), kErrNotSupported);
-  EXPECT_EQ(block.SetFlags(kTMemMapped | kTMemCoarse, 0), kErrNotSupported);
-  EXPECT_EQ(block.GetFlags(), 0u);
-  EXPECT_EQ(block.CheckError(), kErrNotSupported);
-  EXPECT_EQ(host.LinesWithFormat("TMemory::SetFlags: pooled storage not available, %E").size(), 1u);
-  EXPECT_EQ(host.LinesWithFormat("TMemory::SetFlags: mapped-file storage not available, %E").size(), 1u);
-  // A copy into a pool keeps its contents on the heap and says why.
-  int poolStandIn = 0;
-  auto* pool = reinterpret_cast<TMemPool*>(&poolStandIn);
-  TMemory copy(block, pool);
-  EXPECT_EQ(copy.CheckError(), kErrNotSupported);
-  EXPECT_EQ(copy.GetMemPool(), pool);
-  TString text;
-  ASSERT_EQ(copy.ToString(&text), 0);
-  EXPECT_EQ(text, TString(u"abc"));
-}
-
 TEST(TMemoryTest, TextAndCopiesRoundTrip) {
   const char16_t units[] = {u'x', 0, 0xD83D, 0xDE00, u'\u00e9', 0xFFFF};
   TString text(units, 6);

@@ -1,6 +1,12 @@
 // Memory pools: equal-sized blocks of committed virtual memory for TMemory
 // handles with kTMemPooled, under one process-wide ceiling.
 //
+// Sizes. A pool's block size is rounded up to whole pages; 0 takes the
+// default block size, 1 MiB unless SetDefaultMemBlockSize said otherwise.
+// The ceiling is fixed when the first pool is built: MemTotalMB() times
+// GetMaxMemPercent() (35 unless set) / 100, in megabytes. SetMaxPoolMem
+// overrides it at any time.
+//
 // A pooled TMemory holds at most one pool block, so its size is limited to
 // the pool's block size (a larger SetSize fails with kErrMemSizeTooLarge).
 // When taking a block would pass the ceiling (GetMaxPoolMem), the pools
@@ -11,8 +17,8 @@
 // (TMemory::MapFromFile) into a free block of its pool.
 //
 // Age. The identifier counter is the age clock: a handle gets the next
-// identifier when it joins a pool and again at every MemPtr, so the oldest
-// block is the one least recently reached.
+// identifier when it joins a pool, when it takes a pool block and at every
+// MemPtr, so the oldest block is the one least recently reached.
 //
 // Owner flags in the age test (GetOldestBlock): a block is skipped when it
 // has no owner, when its owner has kTMemKeepResident (4) or kTMemInTransit
@@ -60,10 +66,12 @@ class PLINTH_API TMemPool : public TObject {
   // A block size of 0 takes GetDefaultMemBlockSize(); sizes are rounded up
   // to the system's page size.
   explicit TMemPool(unsigned int blockSize);
-  // Releases every block; blocks still owned lose their storage (their
-  // handles are left empty and detached, and logged at 514).
+  // Releases every block; handles still using the pool lose their storage
+  // and any archive (they are left empty, without kTMemPooled and without a
+  // pool, and each is logged at 514).
   ~TMemPool();
-  // Takes the other pool's block size; the blocks stay where they are.
+  // Takes the other pool's block size, after releasing this pool's free
+  // blocks; a pool that still has blocks in use keeps its size (logged).
   TMemPool& operator=(const TMemPool& other);
   TMemPool(const TMemPool&) = delete;
 
@@ -85,7 +93,9 @@ class PLINTH_API TMemPool : public TObject {
   TMemPoolBlock* AllocateMemBlock(int commit);
   // The first ownerless block (see the algorithm), or a new one.
   TMemPoolBlock* GetFreeMemBlock(int commit);
-  // 1 when freed; 0 when the memory could not be released (*osError set).
+  // 1 when freed; 0 when the memory could not be released (*osError set to
+  // the OS error number). An owned block is an assertion ("tmemory_win",
+  // 1144) and is not freed.
   int FreeMemBlock(TMemPoolBlock* block, int index, int* osError);
   int ReleaseFreeBlocks(int keep);
 
@@ -95,7 +105,9 @@ class PLINTH_API TMemPool : public TObject {
   // Writes the owner of block `index` to its archive file and frees the
   // block: 0, or the archive's error (kErrMemOutOfMemory among them).
   int ArchiveBlock(int index);
-  // The archived block's index; -1 when none could be archived.
+  // The archived block's index; -1 when none could be archived: no
+  // candidate, or its archive failed (out of memory or a file error, which
+  // leaves the block resident).
   int ArchiveOldestBlock();
 
   static int GetPoolCount();
@@ -123,6 +135,7 @@ class PLINTH_API TMemPool : public TObject {
   int IndexOf(const TMemPoolBlock* block) const;
 
   std::vector<std::unique_ptr<TMemPoolBlock>> m_blocks;
+  std::vector<TMemory*> m_userList;  // the handles counted in m_users
   int m_used = 0;
   int m_users = 0;
   unsigned int m_blockSize = 0;

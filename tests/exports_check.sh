@@ -16,7 +16,11 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'ChunkManager::CHOpen(' 'ChunkManager::CHSave(' 'ChunkManager::CHVerify(' 'ChunkManager::CHTruncate(' \
             'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' \
             'ElementSpace::LmAdd(' 'ElementSpace::LmValid(' 'ElementSpace::LmRepair(' 'ElementSpace::LmFromBE(' \
-            'LmStoreChunk(' 'LmLoadChunk(' ; do
+            'LmStoreChunk(' 'LmLoadChunk(' \
+            'TMemPool::TMemPool(' 'TMemPool::GetFreeMemBlock(' 'TMemPool::FreeMemBlock(' 'TMemPool::GetOldestBlock(' \
+            'TMemPool::ArchiveOldestBlock(' 'TMemPool::Collect(' 'TMemPool::LockFreeMem(' 'TMemPool::GetMaxPoolMem(' \
+            'TMemory::SetMemPool(' 'TMemory::MemPtr(' 'TMemory::createMapFile(' 'TMemory::MapFromFile(' \
+            'TMemory::ArchiveToFile(' 'TMemory::deleteMapFile(' 'TMemory::IsResident(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
