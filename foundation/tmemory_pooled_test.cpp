@@ -423,7 +423,9 @@ TEST(TMemoryPooledThreaded, OwnersKeepContentsWhileArchiving) {
   ScopedPoolScratch scratch(6 * kBlock);
   TMemPool pool(kBlock);
   constexpr int kThreads = 4;
-  constexpr int kPerThread = 4;
+  // More blocks than the ceiling holds on each thread, so that archiving
+  // happens even when the scheduler runs the threads one after another.
+  constexpr int kPerThread = 8;
   std::atomic<int> failures{0};
   std::atomic<int> restores{0};
   std::atomic<int> ready{0};
@@ -439,7 +441,7 @@ TEST(TMemoryPooledThreaded, OwnersKeepContentsWhileArchiving) {
         blocks[i].SetMemPool(&pool);
         if (blocks[i].SetFlags(kTMemPooled, 0) != 0) ++failures;
       }
-      for (int step = 0; step < 2000; ++step) {
+      for (int step = 0; step < 1000; ++step) {
         int i = static_cast<int>(rng() % kPerThread);
         if (model[i].empty()) {
           model[i].assign(1 + rng() % (kBlock / 4), 0);
