@@ -231,22 +231,6 @@ TYPED_TEST(TypedBufferTest, InsertAtCountIsAppendAndLoadMoveCopy) {
   EXPECT_EQ(host.AssertCount(), 0);
 }
 
-TEST(TypedBufferFind, BackwardWithDuplicates) {
-  TUint32Buffer buffer;
-  EXPECT_EQ(buffer.Find(7), -1);
-  for (uint32_t v : {7u, 3u, 7u}) buffer.Add(v);
-  EXPECT_EQ(buffer.Find(7), 2);
-  EXPECT_EQ(buffer.Find(3), 1);
-  EXPECT_EQ(buffer.Find(4), -1);
-  buffer.Remove(2);
-  EXPECT_EQ(buffer.Find(7), 0);
-
-  TSint32Buffer signedBuffer;
-  for (int v : {-1, 5, -1, -1, 5}) signedBuffer.Add(v);
-  EXPECT_EQ(signedBuffer.Find(-1), 3);
-  EXPECT_EQ(signedBuffer.Find(5), 4);
-}
-
 // Growth moves the block a logarithmic number of times.
 TEST(TypedBufferGrowth, AddIsAmortised) {
   TUint32Buffer buffer;

@@ -206,15 +206,6 @@ TEST_P(DigestSystemPath, EveryServiceFailureLogsItsLine) {
 INSTANTIATE_TEST_SUITE_P(Both, DigestSystemPath, testing::Values(eDigestTypeMD5, eDigestTypeSHA1),
                          [](const auto& info) { return info.param == eDigestTypeMD5 ? "MD5" : "SHA1"; });
 
-TEST(DigestTypes, TypesAndSizes) {
-  TMD5 md5;
-  SHA1Digest sha1;
-  EXPECT_EQ(md5.GetType(), 1);
-  EXPECT_EQ(md5.getDigestSize(), 16);
-  EXPECT_EQ(sha1.GetType(), 2);
-  EXPECT_EQ(sha1.getDigestSize(), 20);
-}
-
 TEST(MD5Helpers, ResetCompareAndReadHash) {
   TestHost host;
   TMD5 md5;

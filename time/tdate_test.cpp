@@ -294,18 +294,16 @@ TEST(TDateCompare, FloatingDatesAndOffsets) {
 }
 
 TEST(TDateArithmetic, MakeEven) {
-  TDate t = Date(2024, 5, 6, 10, 0, 58);
-  t.MakeEven();
-  EXPECT_TRUE(SameFields(t, Date(2024, 5, 6, 10, 0, 58)));
-  t = Date(2024, 5, 6, 10, 0, 57, 300);
-  t.MakeEven();
-  EXPECT_TRUE(SameFields(t, Date(2024, 5, 6, 10, 0, 58, 300)));
-  t = Date(2024, 5, 6, 10, 0, 59);
-  t.MakeEven();
-  EXPECT_TRUE(SameFields(t, Date(2024, 5, 6, 10, 1, 0)));
-  t = Date(2023, 12, 31, 23, 59, 59);
-  t.MakeEven();
-  EXPECT_TRUE(SameFields(t, Date(2024, 1, 1)));
+  const std::pair<TDate, TDate> cases[] = {
+      {Date(2024, 5, 6, 10, 0, 58), Date(2024, 5, 6, 10, 0, 58)},
+      {Date(2024, 5, 6, 10, 0, 57, 300), Date(2024, 5, 6, 10, 0, 58, 300)},
+      {Date(2024, 5, 6, 10, 0, 59), Date(2024, 5, 6, 10, 1, 0)},
+      {Date(2023, 12, 31, 23, 59, 59), Date(2024, 1, 1)}};
+  for (auto [t, want] : cases) {
+    t.MakeEven();
+    EXPECT_TRUE(SameFields(t, want)) << TStringAsString(want.ToISOString());
+  }
+  TDate t;
   t.SetToMax();
   t.MakeEven();
   EXPECT_TRUE(t.IsMaxTDate());
@@ -396,14 +394,10 @@ TEST(TDateSystem, SystemTimeRecords) {
   TDate t = WithOffset(Date(2024, 2, 29, 0, 30, 15, 250), 120);
   SystemTimeSpec st;
   t.ToSystemTime(&st);
-  EXPECT_EQ(st.year, 2024);
-  EXPECT_EQ(st.month, 2);
-  EXPECT_EQ(st.day, 28);  // GMT is two hours earlier
-  EXPECT_EQ(st.hour, 22);
-  EXPECT_EQ(st.minute, 30);
-  EXPECT_EQ(st.second, 15);
-  EXPECT_EQ(st.milliseconds, 250);
-  EXPECT_EQ(st.dayOfWeek, 3);  // Wednesday
+  // GMT is two hours earlier: Wednesday the 28th.
+  EXPECT_EQ((std::vector<int>{st.year, st.month, st.day, st.hour, st.minute, st.second, st.milliseconds,
+                              st.dayOfWeek}),
+            (std::vector<int>{2024, 2, 28, 22, 30, 15, 250, 3}));
   TDate back(st);
   EXPECT_TRUE(back == t);
   EXPECT_EQ(back.GetGMTOffset(), 0);
@@ -484,20 +478,16 @@ TEST(TDateStore, RefusesShortAndMalformedBuffers) {
   }
   EXPECT_EQ(keep.Import(nullptr, 100), kErrInvalidData);
   EXPECT_EQ(keep.Import(bytes, -5), kErrInvalidData);
-  uint8_t bad[TDate::kStoreSize];
-  std::copy(bytes, bytes + sizeof bytes, bad);
-  bad[0] = 'X';
-  EXPECT_EQ(keep.Import(bad, sizeof bad), kErrInvalidData);
-  std::copy(bytes, bytes + sizeof bytes, bad);
-  bad[1] = 2;
-  EXPECT_EQ(keep.Import(bad, sizeof bad), kErrInvalidData);
-  std::copy(bytes, bytes + sizeof bytes, bad);
-  bad[6] = 13;  // month
-  EXPECT_EQ(keep.Import(bad, sizeof bad), kErrInvalidData);
-  EXPECT_EQ(keep.ImportContentOnly(bad, sizeof bad), kErrInvalidData);
-  std::copy(bytes, bytes + sizeof bytes, bad);
-  bad[9] = 0x10;  // millisecond 4262
-  EXPECT_EQ(keep.Import(bad, sizeof bad), kErrInvalidData);
+  // {byte, value}: marker, version, month 13, millisecond 4262.
+  for (auto [at, value] : {std::pair{0, 'X'}, {1, 2}, {6, 13}, {9, 0x10}}) {
+    uint8_t bad[TDate::kStoreSize];
+    std::copy(bytes, bytes + sizeof bytes, bad);
+    bad[at] = static_cast<uint8_t>(value);
+    EXPECT_EQ(keep.Import(bad, sizeof bad), kErrInvalidData) << at;
+    if (at == 6) {
+      EXPECT_EQ(keep.ImportContentOnly(bad, sizeof bad), kErrInvalidData);
+    }
+  }
   EXPECT_TRUE(SameFields(keep, Date(1999, 9, 9)));
   EXPECT_EQ(keep.GetFlags(), TDate::kFlagBrokenDown);
   EXPECT_EQ(host.LinesWithFormat("TDate::Import: %~d bytes, %~d needed, %E").size(), 20u);
@@ -528,12 +518,7 @@ namespace {
 // with std::chrono telling which days exist.
 TEST(TDateOsForms, DosDateTimeWordsRoundTripAndRefuseNonDates) {
   TDate leap(static_cast<short>((44 << 9) | (2 << 5) | 29), static_cast<short>((12 << 11) | (34 << 5) | 28));
-  EXPECT_EQ(leap.GetYear(), 2024);
-  EXPECT_EQ(leap.GetMonth(), 2);
-  EXPECT_EQ(leap.GetDay(), 29);
-  EXPECT_EQ(leap.GetHour(), 12);
-  EXPECT_EQ(leap.GetMinute(), 34);
-  EXPECT_EQ(leap.GetSecond(), 56);
+  EXPECT_TRUE(SameFields(leap, TDate(2024, 2, 29, 12, 34, 56, 0)));
   EXPECT_EQ(leap.GetGMTOffset(), TDate::kUnknownGMTOffset);
 
   std::mt19937 rng(5);

@@ -200,14 +200,9 @@ TEST(TInterval, StoredFormRoundTripsAndRefusesShortBuffers) {
 
 TEST(TDateStep, PartsOrderAndStoredForm) {
   TDateStep s(1, 2, 3, 4, 5, 6, 7, 8);
-  EXPECT_EQ(s.GetMilliseconds(), 1);
-  EXPECT_EQ(s.GetSeconds(), 2);
-  EXPECT_EQ(s.GetMinutes(), 3);
-  EXPECT_EQ(s.GetHours(), 4);
-  EXPECT_EQ(s.GetDays(), 5);
-  EXPECT_EQ(s.GetWeeks(), 6);
-  EXPECT_EQ(s.GetMonths(), 7);
-  EXPECT_EQ(s.GetYears(), 8);
+  EXPECT_EQ((std::vector<int>{s.GetMilliseconds(), s.GetSeconds(), s.GetMinutes(), s.GetHours(), s.GetDays(),
+                              s.GetWeeks(), s.GetMonths(), s.GetYears()}),
+            (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8}));
   TDateStep t;
   EXPECT_TRUE(t.IsZero());
   t.SetMilliseconds(1);
