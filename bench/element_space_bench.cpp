@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -113,10 +114,32 @@ void BM_ElementSpaceLmGet(benchmark::State& state) {
   Record("lm LmGet", state, start);
 }
 
+// The same reads straight from the block's bytes (slot, then record), no
+// call and no checks: the floor the layout itself sets. No target.
+void BM_ElementSpaceRawSlots(benchmark::State& state) {
+  const Input& in = TheInput();
+  ElementSpace space(0, 0);
+  FillSpace(&space, in);
+  TMemoryPin pin(space);
+  const unsigned char* block = pin.Get();
+  auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    unsigned sum = 0;
+    for (int i : in.order) {
+      uint32_t slot;
+      std::memcpy(&slot, block + 80 + 4 * static_cast<size_t>(i), 4);
+      sum += block[(slot & 0x7FFFFFFFu) + 4];
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  Record("lm raw slots", state, start);
+}
+
 BENCHMARK(BM_ElementSpaceVectorPushBack)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ElementSpaceLmAdd)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ElementSpaceVectorIndex)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ElementSpaceLmGet)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ElementSpaceRawSlots)->Unit(benchmark::kMillisecond);
 
 void PrintRatio(const char* what, const char* ours, const char* theirs) {
   auto a = Times().find(ours);
@@ -130,6 +153,7 @@ struct RatioPrinter {
   ~RatioPrinter() {
     PrintRatio("LmAdd/push_back", "lm LmAdd", "lm push_back");
     PrintRatio("LmGet/operator[]", "lm LmGet", "lm operator[]");
+    PrintRatio("raw slot reads/operator[]", "lm raw slots", "lm operator[]");
   }
 } g_ratioPrinter;
 

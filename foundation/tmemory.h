@@ -7,16 +7,24 @@
 //
 // Pooled storage. SetMemPool names the pool, SetFlags(kTMemPooled, 0) joins
 // it: the block must be empty then (an assertion, "tmemory" line 679,
-// otherwise) and it gets the pool's next identifier. The storage is one pool
-// block, taken at the first non-zero size, so the size is limited to the
-// pool's block size. MemPtr pins the block (it raises the lock count, under
-// the pool's lock; a null answer pins nothing) and stamps it with a new
-// identifier, so that the pool
-// archives the least recently reached blocks first; UnLock releases the
-// pin. An archived block (kTMemMapped | kTMemArchived, no storage) comes
-// back at its next MemPtr, SetSize or AllocBuffer; if that fails MemPtr
-// answers null and CheckError() tells why. Clearing kTMemPooled frees the
-// pool block and deletes any archive file, leaving the block empty.
+// otherwise, and the heap contents are freed) and it gets the pool's next
+// identifier. The storage is one pool block, taken at the first non-zero
+// size, so the size is limited to the pool's block size (a larger SetSize
+// or AllocBuffer fails with kErrMemSizeTooLarge and changes nothing); a
+// size of 0 gives the block back. MemPtr pins the block (it raises the lock
+// count, under the pool's lock; a null answer pins nothing) and stamps it
+// with a new identifier, so that the pool archives the least recently
+// reached blocks first; UnLock releases the pin. An archived block
+// (kTMemMapped | kTMemArchived, no storage, GetSize() unchanged) comes back
+// at its next MemPtr or SetSize (AllocBuffer just drops the archive); if
+// that fails MemPtr answers null and CheckError() tells why. Taking a block
+// that would pass the pools' ceiling archives the oldest unlocked blocks
+// first; when none can go the request fails with kErrMemOutOfMemory, logged
+// as told under Priorities. SetMemPool on a pooled block moves its contents
+// to the new pool. Clearing kTMemPooled frees the pool block, deletes any
+// archive file and detaches the block from its pool (GetMemPool() is null),
+// leaving it empty. Reset and the destructor give the pool block back and
+// delete the archive file too.
 //
 // Mapped-file storage. Setting kTMemMapped on a block outside a pool moves
 // its contents into a file of its own in the temporary folder, mapped into
@@ -127,7 +135,9 @@ class PLINTH_API TMemory : public TObject {
   int GetPriority() const { return m_priority; }
   void SetPriority(int priority) { m_priority = static_cast<int16_t>(priority); }
   TMemPool* GetMemPool() const { return m_pool; }
-  // Names the pool that kTMemPooled will use.
+  // Names the pool that kTMemPooled will use. On a pooled block it moves
+  // the contents to `pool`: kErrBadParameter for null, kErrInUse while
+  // locked, kErrMemSizeTooLarge when they do not fit its block.
   int SetMemPool(TMemPool* pool);
 
   // Resizes, keeping the contents up to the smaller size. Sizes above

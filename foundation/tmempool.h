@@ -36,8 +36,10 @@
 //     below the ceiling, the same way; 0 when there is room now, or
 //     kErrMemOutOfMemory when archiving could not make it.
 //
-// Archive files live in the temporary folder as "plinth20-<pid>-<n>.mem",
-// readable by the owner only. Layout (little-endian): "PlMA", version 1
+// Archive files live in the temporary folder ($TMPDIR, else /tmp, read when
+// each file is made) as "plinth20-<pid>-<n>.mem", readable by the owner
+// only; a block's archive is removed when it is read back, when the block
+// is reset or emptied, and when the block dies. Layout (little-endian): "PlMA", version 1
 // (2 bytes), 2 zero bytes, the content size (8 bytes), the CRC-32 of the
 // contents (4 bytes), 4 zero bytes, then the contents. A file that does
 // not match its handle is refused with kErrFileCorrupt and not loaded.
