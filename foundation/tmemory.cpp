@@ -218,11 +218,6 @@ int TMemory::AllocBuffer(uint64_t size, int priority) {
   return SetSize(size, priority);
 }
 
-void* TMemory::MemPtr() {
-  if ((m_flags & kTMemPooled) != 0) return PooledMemPtr();
-  return m_ptr;
-}
-
 void TMemory::Lock() { m_lockCount.fetch_add(1, std::memory_order_relaxed); }
 
 void TMemory::UnLock() {

@@ -148,7 +148,8 @@ class PLINTH_API TMemory : public TObject {
   int AllocBuffer(uint64_t size, int priority = kMemPriorityOwn);
 
   // The bytes (null while empty).
-  void* MemPtr();
+  // Inline for heap and mapped storage: element reads call it per access.
+  void* MemPtr() { return (m_flags & kTMemPooled) != 0 ? PooledMemPtr() : m_ptr; }
   void Lock();
   void UnLock();
 

@@ -276,7 +276,7 @@ int ElementSpace::LmSwap(int m, int n) {
   return 0;
 }
 
-char* ElementSpace::LmGet(int n) {
+char* ElementSpace::LmGetChecked(int n) {
   LmView view(*this);
   uint32_t count = view.Usable() ? view.Count() : 0;
   if (n < 1) {

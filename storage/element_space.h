@@ -80,6 +80,7 @@
 #define PLINTH_STORAGE_ELEMENT_SPACE_H_
 
 #include <cstdint>
+#include <cstring>
 
 #include "foundation/export.h"
 #include "foundation/tmemory.h"
@@ -154,7 +155,26 @@ class PLINTH_API ElementSpace : public TMemory {
   // number is dropped.
   int LmSwap(int m, int n);
   // The element's bytes; null (and a line) for a bad or free number.
-  char* LmGet(int n);
+  char* LmGet(int n) {
+    // Reads of a heap space take no call: the checks are the slow path's,
+    // which runs (and logs) only when one of them fails.
+    if ((GetFlags() & kTMemPooled) == 0 && n >= 1) {
+      auto* bytes = static_cast<unsigned char*>(MemPtr());
+      uint64_t size = GetSize();
+      uint64_t slotAt = 76 + 4 * uint64_t(n);
+      if (bytes != nullptr && size >= kLmOverhead && slotAt + 4 <= size) {
+        uint32_t count;
+        uint32_t slot;
+        std::memcpy(&count, bytes + 72, 4);
+        std::memcpy(&slot, bytes + slotAt, 4);
+        slot &= ~kLmMarkBit;
+        if (uint32_t(n) <= count && slot != 0 && uint64_t{slot} + 4 <= size) {
+          return reinterpret_cast<char*>(bytes + slot + 4);
+        }
+      }
+    }
+    return LmGetChecked(n);
+  }
   // The element's length; 0 for a free number; a code when out of range.
   int LmSize(int n);
   // The first used number above n (start with 0); 0 after the last.
@@ -216,6 +236,9 @@ class PLINTH_API ElementSpace : public TMemory {
   int LmFromBE();
   // True when the block's magic reads in big-endian order.
   bool LmIsBE();
+
+ private:
+  char* LmGetChecked(int n);
 };
 
 #endif  // PLINTH_STORAGE_ELEMENT_SPACE_H_

@@ -17,7 +17,7 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'ChunkManager::CHAppend(' 'CHRecover(' 'CHDecodeFileHeader(' 'CHEncryptConfig(' \
             'TMemPool::TMemPool(' 'TMemPool::GetFreeMemBlock(' 'TMemPool::FreeMemBlock(' 'TMemPool::GetOldestBlock(' \
             'TMemPool::ArchiveOldestBlock(' 'TMemPool::Collect(' 'TMemPool::LockFreeMem(' 'TMemPool::GetMaxPoolMem(' \
-            'TMemory::SetMemPool(' 'TMemory::MemPtr(' 'TMemory::createMapFile(' 'TMemory::MapFromFile(' \
+            'TMemory::SetMemPool(' 'TMemory::PooledMemPtr(' 'TMemory::createMapFile(' 'TMemory::MapFromFile(' \
             'TMemory::ArchiveToFile(' 'TMemory::deleteMapFile(' 'TMemory::IsResident(' \
             'ElementSpace::LmAdd(' 'ElementSpace::LmValid(' 'ElementSpace::LmRepair(' 'ElementSpace::LmFromBE(' \
             'LmStoreChunk(' 'LmLoadChunk(' ; do
