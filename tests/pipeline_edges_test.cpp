@@ -91,6 +91,9 @@ TEST(PipelineEdgesThreaded, EndMarkerWaitsForLateItemOfParallelGroup) {
       mgr.noMoreWorkAndReturn();
       // Item 2 and the marker have left the group; the marker stays put.
       WaitUntil([&] { return groupOut->workIn() == 2; });
+      // The sequencing station takes item 2 whenever it is scheduled; the
+      // marker must still be there a while after.
+      WaitUntil([&] { return groupOut->workOut() >= 1; });
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       EXPECT_EQ(groupOut->workOut(), 1u) << "the marker went past the late item";
       EXPECT_EQ(mgr.queues()[3]->workIn(), 0u);
