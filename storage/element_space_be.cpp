@@ -26,31 +26,12 @@ using BigView = lm_internal::LmViewOf<BigOrder>;
 
 char* ElementSpace::LmGetBE(int n) {
   BigView view(*this);
-  uint32_t count = view.Usable() ? view.Count() : 0;
-  if (n < 1) {
-    LogLineChecked(kLogLevel, u"LmGet: ndex = %~d < 1", n);
-    return nullptr;
-  }
-  if (static_cast<uint32_t>(n) > count) {
-    LogLineChecked(kLogLevel, u"LmGet: ndex = %~d > nsp->count = %~d", n, static_cast<int32_t>(count));
-    return nullptr;
-  }
-  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
-  if (record == 0) {
-    LogLineChecked(kLogLevel, u"LmGet: ndex = %~d, zero offset", n);
-    return nullptr;
-  }
-  return reinterpret_cast<char*>(view.Bytes() + record + 4);
+  return lm_internal::ElementBytes(view, n);
 }
 
 int ElementSpace::LmSizeBE(int n) {
   BigView view(*this);
-  if (!view.Usable() || n < 1 || static_cast<uint32_t>(n) > view.Count()) {
-    LogLineChecked(kLogLevel, u"LmSize: ndex = %~d, not in range", n);
-    return kErrBadParameter;
-  }
-  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
-  return record == 0 ? 0 : static_cast<int>(view.Get(record));
+  return lm_internal::ElementSize(view, n);
 }
 
 int ElementSpace::LmLockBE() {

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "foundation/errors.h"
+#include "foundation/format_checked.h"
 #include "foundation/tmemory.h"
 #include "storage/element_space.h"
 
@@ -101,6 +103,37 @@ class LmViewOf {
 };
 
 using LmView = LmViewOf<HostOrder>;
+
+// LmGet and LmSize for either byte order: the element's bytes (null after
+// the line that says why) and its length (0 for a free number).
+template <typename Order>
+char* ElementBytes(LmViewOf<Order>& view, int n) {
+  uint32_t count = view.Usable() ? view.Count() : 0;
+  if (n < 1) {
+    LogLineChecked(515, u"LmGet: ndex = %~d < 1", n);
+    return nullptr;
+  }
+  if (static_cast<uint32_t>(n) > count) {
+    LogLineChecked(515, u"LmGet: ndex = %~d > nsp->count = %~d", n, static_cast<int32_t>(count));
+    return nullptr;
+  }
+  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
+  if (record == 0) {
+    LogLineChecked(515, u"LmGet: ndex = %~d, zero offset", n);
+    return nullptr;
+  }
+  return reinterpret_cast<char*>(view.Bytes() + record + 4);
+}
+
+template <typename Order>
+int ElementSize(LmViewOf<Order>& view, int n) {
+  if (!view.Usable() || n < 1 || static_cast<uint32_t>(n) > view.Count()) {
+    LogLineChecked(515, u"LmSize: ndex = %~d, not in range", n);
+    return kErrBadParameter;
+  }
+  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
+  return record == 0 ? 0 : static_cast<int>(view.Get(record));
+}
 
 // Sum of the physical sizes of the live records.
 uint64_t LiveBytes(const LmView& view);
