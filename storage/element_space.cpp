@@ -338,28 +338,9 @@ int ElementSpace::LmCollect() {
   return static_cast<int>(removed);
 }
 
-int ElementSpace::LmLock() {
-  {
-    LmView view(*this);
-    if (!view.Usable()) return kErrInvalidData;
-    view.Put(kOffLock, view.Get(kOffLock) + 1);
-  }
-  Lock();
-  return 0;
-}
+int ElementSpace::LmLock() { return lm_internal::LockSpace<lm_internal::HostOrder>(*this); }
 
-int ElementSpace::LmUnlock() {
-  {
-    LmView view(*this);
-    if (!view.Usable() || view.Get(kOffLock) == 0) {
-      Debug("lmspace", __LINE__, 0);
-      return kErrBadParameter;
-    }
-    view.Put(kOffLock, view.Get(kOffLock) - 1);
-  }
-  if (GetLockCount() > 0) UnLock();
-  return 0;
-}
+int ElementSpace::LmUnlock() { return lm_internal::UnlockSpace<lm_internal::HostOrder>(*this); }
 
 int ElementSpace::LmPhys(int length) { return ValidLength(length) ? static_cast<int>(Phys(static_cast<uint32_t>(length))) : 0; }
 

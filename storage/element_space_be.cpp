@@ -34,28 +34,9 @@ int ElementSpace::LmSizeBE(int n) {
   return lm_internal::ElementSize(view, n);
 }
 
-int ElementSpace::LmLockBE() {
-  {
-    BigView view(*this);
-    if (!view.Usable()) return kErrInvalidData;
-    view.Put(kOffLock, view.Get(kOffLock) + 1);
-  }
-  Lock();
-  return 0;
-}
+int ElementSpace::LmLockBE() { return lm_internal::LockSpace<lm_internal::BigOrder>(*this); }
 
-int ElementSpace::LmUnlockBE() {
-  {
-    BigView view(*this);
-    if (!view.Usable() || view.Get(kOffLock) == 0) {
-      Debug("lmspace", __LINE__, 0);
-      return kErrBadParameter;
-    }
-    view.Put(kOffLock, view.Get(kOffLock) - 1);
-  }
-  if (GetLockCount() > 0) UnLock();
-  return 0;
-}
+int ElementSpace::LmUnlockBE() { return lm_internal::UnlockSpace<lm_internal::BigOrder>(*this); }
 
 int ElementSpace::LmValidBE() {
   BigView view(*this);

@@ -8,6 +8,7 @@
 
 #include "foundation/errors.h"
 #include "foundation/format_checked.h"
+#include "foundation/hooks.h"
 #include "foundation/tmemory.h"
 #include "storage/element_space.h"
 
@@ -103,6 +104,33 @@ class LmViewOf {
 };
 
 using LmView = LmViewOf<HostOrder>;
+
+// LmLock and LmUnlock for either byte order: the header's count moves, and
+// the block is pinned while it is non-zero.
+template <typename Order>
+int LockSpace(ElementSpace& space) {
+  {
+    LmViewOf<Order> view(space);
+    if (!view.Usable()) return kErrInvalidData;
+    view.Put(kOffLock, view.Get(kOffLock) + 1);
+  }
+  space.Lock();
+  return 0;
+}
+
+template <typename Order>
+int UnlockSpace(ElementSpace& space) {
+  {
+    LmViewOf<Order> view(space);
+    if (!view.Usable() || view.Get(kOffLock) == 0) {
+      Debug("lmspace", __LINE__, 0);
+      return kErrBadParameter;
+    }
+    view.Put(kOffLock, view.Get(kOffLock) - 1);
+  }
+  if (space.GetLockCount() > 0) space.UnLock();
+  return 0;
+}
 
 // LmGet and LmSize for either byte order: the element's bytes (null after
 // the line that says why) and its length (0 for a free number).
