@@ -181,6 +181,12 @@ class PLINTH_API TMemory : public TObject {
   // otherwise a multiple of 8.
   static uint64_t AllocSize(uint64_t size, unsigned int flags);
 
+ protected:
+  // The storage address without pinning, for a subclass that has seen the
+  // block is not pooled (nothing can archive the bytes away underneath).
+  // Outside a pool it is never null while GetSize() is non-zero.
+  void* UnpinnedPtr() const { return m_ptr; }
+
  private:
   friend class TMemPool;
 

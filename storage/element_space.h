@@ -157,19 +157,22 @@ class PLINTH_API ElementSpace : public TMemory {
   // The element's bytes; null (and a line) for a bad or free number.
   char* LmGet(int n) {
     // Reads of a heap space take no call: the checks are the slow path's,
-    // which runs (and logs) only when one of them fails.
-    if ((GetFlags() & kTMemPooled) == 0 && n >= 1) {
-      auto* bytes = static_cast<unsigned char*>(MemPtr());
+    // which runs (and logs) only when one of them fails. Few instructions
+    // matter here: random reads are bound by how many misses are in flight.
+    if ((GetFlags() & kTMemPooled) == 0) {
+      // Heap and mapped storage always has bytes behind a size of 84 or more.
+      auto* bytes = static_cast<const unsigned char*>(UnpinnedPtr());
       uint64_t size = GetSize();
-      uint64_t slotAt = 76 + 4 * uint64_t(n);
-      if (bytes != nullptr && size >= kLmOverhead && slotAt + 4 <= size) {
+      uint32_t index = uint32_t(n) - 1;  // n < 1 wraps far past any size
+      if (uint64_t{index} * 4 + kLmOverhead <= size) {
         uint32_t count;
         uint32_t slot;
         std::memcpy(&count, bytes + 72, 4);
-        std::memcpy(&slot, bytes + slotAt, 4);
+        std::memcpy(&slot, bytes + 80 + uint64_t{index} * 4, 4);
         slot &= ~kLmMarkBit;
-        if (uint32_t(n) <= count && slot != 0 && uint64_t{slot} + 4 <= size) {
-          return reinterpret_cast<char*>(bytes + slot + 4);
+        // slot - 1 wraps for a free number, so one test keeps 1 <= slot <= size - 4.
+        if (index < count && uint64_t{slot} - 1 < size - 4) {
+          return reinterpret_cast<char*>(const_cast<unsigned char*>(bytes) + slot + 4);
         }
       }
     }

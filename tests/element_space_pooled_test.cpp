@@ -5,6 +5,8 @@
 // must stay resident, its pointers valid, throughout.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -107,6 +109,61 @@ TEST(ElementSpacePooled, SpacesSurviveArchivingUnderACeiling) {
 
   // Every space reads back in full once more, archived or not.
   for (int i = 0; i < kSpaces; ++i) runs[i]->Verify();
+}
+
+
+// A heap space answers LmGet without a call; a pooled space always takes the
+// checked path. On damaged blocks both must agree on every number, pointer
+// and line alike: the fast path may skip work, never a check.
+TEST(ElementSpacePooled, HeapReadsAgreeWithCheckedReadsOnDamagedBlocks) {
+  TestHost host;
+  TMemPool pool(kBlockSize);
+  std::mt19937 rng(9);
+  ElementSpace source(0, 0);
+  for (int i = 0; i < 40; ++i) {
+    std::string bytes(1 + rng() % 30, static_cast<char>('a' + i % 26));
+    ASSERT_GT(source.LmAdd(bytes.data(), static_cast<int>(bytes.size())), 0);
+  }
+  for (int n = 3; n <= 40; n += 7) source.LmRemove(n);
+  std::vector<unsigned char> image(source.GetSize());
+  {
+    TMemoryPin pin(source);
+    std::memcpy(image.data(), pin.Get(), image.size());
+  }
+  for (int round = 0; round < 400; ++round) {
+    std::vector<unsigned char> damaged = image;
+    // Hits on the count and the slots most of the time, anywhere otherwise.
+    for (int hits = 1 + static_cast<int>(rng() % 3); hits > 0; --hits) {
+      size_t at = rng() % 4 == 0 ? rng() % damaged.size() : 72 + rng() % (4 * 44);
+      damaged[at] = static_cast<unsigned char>(rng());
+    }
+    if (round % 10 == 0) damaged.resize(84 + rng() % 100);  // cut short
+    ElementSpace heap(0, 0);
+    ElementSpace pooled(&pool, 0);
+    for (ElementSpace* space : {&heap, &pooled}) {
+      ASSERT_EQ(space->SetSize(damaged.size()), 0);
+      TMemoryPin pin(*space);
+      std::memcpy(pin.Get(), damaged.data(), damaged.size());
+    }
+    ASSERT_EQ(heap.GetFlags() & kTMemPooled, 0);
+    ASSERT_NE(pooled.GetFlags() & kTMemPooled, 0);
+    TMemoryPin heapPin(heap);
+    TMemoryPin pooledPin(pooled);
+    for (int n : {INT32_MIN, -1, 0, 1, 2, 3, 17, 39, 40, 41, 45, 1 << 20, INT32_MAX}) {
+      host.Clear();
+      char* fast = heap.LmGet(n);
+      auto fastLines = host.Lines();
+      host.Clear();
+      char* checked = pooled.LmGet(n);
+      auto checkedLines = host.Lines();
+      ASSERT_EQ(fast == nullptr, checked == nullptr) << "round " << round << " n " << n;
+      if (fast != nullptr) {
+        EXPECT_EQ(fast - reinterpret_cast<char*>(heapPin.Get()), checked - reinterpret_cast<char*>(pooledPin.Get()));
+      }
+      ASSERT_EQ(fastLines.size(), checkedLines.size()) << "round " << round << " n " << n;
+      for (size_t k = 0; k < fastLines.size(); ++k) EXPECT_EQ(fastLines[k].text, checkedLines[k].text);
+    }
+  }
 }
 
 }  // namespace
