@@ -563,6 +563,22 @@ TEST(ElementSpaceValid, EachFaultHasItsLine) {
   }
 }
 
+// Only a slot of 0 is free. A mark left on offset 0 once passed the check
+// as a free number that no add would reuse; the next add then broke the
+// zero count (found by the fuzz target).
+TEST(ElementSpaceValid, MarkOnAFreeSlotPointsNowhere) {
+  std::unique_ptr<ElementSpace> space(MakeSample());
+  Poke(*space, 76 + 8, kLmMarkBit);
+  TestHost host;
+  EXPECT_EQ(space->LmValid(), kErrInvalidData);
+  ASSERT_EQ(host.Lines().size(), 1u);
+  EXPECT_EQ(host.Lines()[0].text, "LmValid: offsets to nowhere");
+  EXPECT_EQ(space->LmRepair(), 1);
+  EXPECT_EQ(Slot(*space, 2), 0u);
+  EXPECT_EQ(Add(*space, "again"), 2);
+  EXPECT_EQ(space->LmValid(), 0);
+}
+
 TEST(ElementSpaceValid, ShortBlocksAndValidRepair) {
   TestHost host;
   ElementSpace space(0, 0);

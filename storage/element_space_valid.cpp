@@ -70,11 +70,13 @@ LmCheckResult Check(const unsigned char* bytes, uint32_t size) {
     Bitmap claimed(units);
     uint32_t zeros = 0;
     for (uint32_t n = 1; n <= count; ++n) {
-      uint32_t record = get(SlotAt(n)) & kOffsetMask;
-      if (record == 0) {
+      uint32_t slot = get(SlotAt(n));
+      if (slot == 0) {
         ++zeros;
         continue;
       }
+      // Only a slot of 0 is free: a mark on offset 0 points nowhere.
+      uint32_t record = slot & kOffsetMask;
       if (record < start || record >= end || !starts.Test((record - start) / 4)) return fault(F::kNowhere);
       if (claimed.Test((record - start) / 4)) return fault(F::kTooMany);
       claimed.Set((record - start) / 4);
