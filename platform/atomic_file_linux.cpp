@@ -14,6 +14,7 @@
 #include "foundation/log.h"
 #include "platform/file.h"
 #include "platform/os_error.h"
+#include "platform/posix_io_linux.h"
 
 namespace platform {
 namespace {
@@ -44,14 +45,6 @@ std::string FolderOf(const std::string& path) {
   if (slash == std::string::npos) return ".";
   if (slash == 0) return "/";
   return path.substr(0, slash);
-}
-
-int OpenRetrying(const char* name, int flags, mode_t mode = 0) {
-  int fd;
-  do {
-    fd = ::open(name, flags, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
 }
 
 int WriteAll(int fd, const std::string& data) {

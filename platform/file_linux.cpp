@@ -10,16 +10,14 @@
 #include "foundation/errors.h"
 #include "foundation/log.h"
 #include "platform/os_error.h"
+#include "platform/posix_io_linux.h"
 
 namespace platform {
 
 int TFileReader::Open(const TString& path) {
   Close();
   std::string name = TStringAsString(path);
-  int fd;
-  do {
-    fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
+  int fd = OpenRetrying(name.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     int code = MapErrno(errno, &path);
     LogLine(514, u"TFileReader::Open: cannot open %s, %E", &path, code);
@@ -112,10 +110,7 @@ struct flock WholeFile(short type) {
 int TFileHandle::Open(const TString& path, FileOpenMode mode) {
   Close();
   std::string name = TStringAsString(path);
-  int fd;
-  do {
-    fd = ::open(name.c_str(), OpenFlags(mode) | O_CLOEXEC, 0666);
-  } while (fd < 0 && errno == EINTR);
+  int fd = OpenRetrying(name.c_str(), OpenFlags(mode) | O_CLOEXEC, 0666);
   if (fd < 0) return MapErrno(errno, &path);
   // A read-only open of a folder succeeds on this system; refuse it as a
   // writable one would be.

@@ -9,6 +9,7 @@
 
 #include "foundation/errors.h"
 #include "platform/os_error.h"
+#include "platform/posix_io_linux.h"
 #include "platform/system.h"
 
 namespace platform {
@@ -25,10 +26,7 @@ uint32_t ProcessId() { return static_cast<uint32_t>(::getpid()); }
 int TMapFile::Create(const TString& path) {
   Close();
   std::string name = TStringAsString(path);
-  int fd;
-  do {
-    fd = ::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  } while (fd < 0 && errno == EINTR);
+  int fd = OpenRetrying(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) return MapErrno(errno, &path);
   m_fd = fd;
   return 0;
@@ -37,10 +35,7 @@ int TMapFile::Create(const TString& path) {
 int TMapFile::Open(const TString& path) {
   Close();
   std::string name = TStringAsString(path);
-  int fd;
-  do {
-    fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
+  int fd = OpenRetrying(name.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) return MapErrno(errno, &path);
   m_fd = fd;
   return 0;
