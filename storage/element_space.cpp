@@ -116,7 +116,7 @@ int AddElement(ElementSpace& space, const char* data, int length, uint32_t sourc
   uint32_t n = TakeNumber(view);
   uint32_t record = PlaceRecord(view, static_cast<uint32_t>(length));
   if (source != 0) {
-    uint32_t from = view.RecordOf(source);
+    uint32_t from = view.RecordOf(static_cast<int>(source));
     std::memcpy(view.Bytes() + record + 4, view.Bytes() + from + 4, static_cast<size_t>(length));
   } else if (data != nullptr && length > 0) {
     std::memcpy(view.Bytes() + record + 4, data, static_cast<size_t>(length));
@@ -170,7 +170,7 @@ int ElementSpace::LmDupe(int n) {
   int length = 0;
   {
     LmView view(*this);
-    uint32_t record = view.Usable() && n > 0 ? view.RecordOf(static_cast<uint32_t>(n)) : 0;
+    uint32_t record = view.RecordOf(n);
     if (record == 0) {
       LogLineChecked(kLogLevel, u"LmDupe: ndex = %~d, not in range", n);
       return kErrBadParameter;
@@ -184,7 +184,7 @@ int ElementSpace::LmSet(int n, int length) {
   uint32_t newPhys = 0;
   {
     LmView view(*this);
-    uint32_t record = view.Usable() && n > 0 ? view.RecordOf(static_cast<uint32_t>(n)) : 0;
+    uint32_t record = view.RecordOf(n);
     if (record == 0) {
       LogLineChecked(kLogLevel, u"LmSet: ndex = %~d, not in range", n);
       return kErrBadParameter;
@@ -247,7 +247,7 @@ int ElementSpace::LmSetAssert(int n, int length) {
 
 int ElementSpace::LmRemove(int n) {
   LmView view(*this);
-  if (!view.Usable() || n < 1 || static_cast<uint32_t>(n) > view.Count()) {
+  if (n < 1 || static_cast<uint32_t>(n) > view.Count()) {
     LogLineChecked(kLogLevel, u"LmRemove: ndex = %~d, not in range", n);
     return kErrBadParameter;
   }
@@ -260,7 +260,7 @@ int ElementSpace::LmRemove(int n) {
 
 int ElementSpace::LmSwap(int m, int n) {
   LmView view(*this);
-  uint32_t count = view.Usable() ? view.Count() : 0;
+  uint32_t count = view.Count();
   if (m < 1 || n < 1 || static_cast<uint32_t>(m) > count || static_cast<uint32_t>(n) > count) {
     LogLineChecked(kLogLevel, u"LmSwap: mdex = %~d, ndex = %~d, not in range", m, n);
     return kErrBadParameter;
@@ -298,12 +298,12 @@ int ElementSpace::LmEnumRef(int n) {
 
 int ElementSpace::LmTest(int n) {
   LmView view(*this);
-  return view.Usable() && n > 0 && view.RecordOf(static_cast<uint32_t>(n)) != 0 ? 1 : 0;
+  return view.RecordOf(n) != 0 ? 1 : 0;
 }
 
 int ElementSpace::LmMark(int n) {
   LmView view(*this);
-  if (!view.Usable() || n < 1 || view.RecordOf(static_cast<uint32_t>(n)) == 0) {
+  if (view.RecordOf(n) == 0) {
     LogLineChecked(kLogLevel, u"LmMark: ndex = %~d, not in range", n);
     return kErrBadParameter;
   }
@@ -356,7 +356,7 @@ int ElementSpace::LmEnd() {
 
 int ElementSpace::LmCount() {
   LmView view(*this);
-  return view.Usable() ? static_cast<int>(view.Count()) : 0;
+  return static_cast<int>(view.Count());
 }
 
 int ElementSpace::LmCountUsed() {

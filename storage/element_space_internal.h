@@ -3,6 +3,7 @@
 #ifndef PLINTH_STORAGE_ELEMENT_SPACE_INTERNAL_H_
 #define PLINTH_STORAGE_ELEMENT_SPACE_INTERNAL_H_
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -83,16 +84,19 @@ class LmViewOf {
 
   uint32_t Start() const { return Get(kOffStart); }
   uint32_t End() const { return Get(kOffEnd); }
-  uint32_t Count() const { return Get(kOffCount); }
+  // The stored slot count, cut to the slots that lie inside the block (0
+  // when it is too small): a damaged count cannot lead a lookup or a loop
+  // over the table outside the block. Unchanged for a consistent block.
+  uint32_t Count() const { return Usable() ? std::min(Get(kOffCount), (m_size - kLmHeaderSize) / 4) : 0; }
   uint32_t Slot(uint32_t n) const { return Get(SlotAt(n)); }
   void SetSlot(uint32_t n, uint32_t value) { Put(SlotAt(n), value); }
   // dataStart - (4 * count + 84): may be -4 when the table meets the data.
   int64_t Avail() const { return int64_t{Start()} - (int64_t{4} * Count() + kLmOverhead); }
-  // The slot's record offset, 0 when n is out of range or free, or when the
-  // record would not lie inside the block.
-  uint32_t RecordOf(uint32_t n) const {
-    if (n < 1 || n > Count() || uint64_t{SlotAt(n)} + 4 > m_size) return 0;
-    uint32_t offset = Slot(n) & kOffsetMask;
+  // The record offset of number n, 0 when n is out of range or free, or
+  // when the record would not lie inside the block.
+  uint32_t RecordOf(int n) const {
+    if (n < 1 || static_cast<uint32_t>(n) > Count()) return 0;
+    uint32_t offset = Slot(static_cast<uint32_t>(n)) & kOffsetMask;
     if (offset == 0 || uint64_t{offset} + 4 > m_size) return 0;
     return offset;
   }
@@ -136,7 +140,7 @@ int UnlockSpace(ElementSpace& space) {
 // the line that says why) and its length (0 for a free number).
 template <typename Order>
 char* ElementBytes(LmViewOf<Order>& view, int n) {
-  uint32_t count = view.Usable() ? view.Count() : 0;
+  uint32_t count = view.Count();
   if (n < 1) {
     LogLineChecked(515, u"LmGet: ndex = %~d < 1", n);
     return nullptr;
@@ -145,7 +149,7 @@ char* ElementBytes(LmViewOf<Order>& view, int n) {
     LogLineChecked(515, u"LmGet: ndex = %~d > nsp->count = %~d", n, static_cast<int32_t>(count));
     return nullptr;
   }
-  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
+  uint32_t record = view.RecordOf(n);
   if (record == 0) {
     LogLineChecked(515, u"LmGet: ndex = %~d, zero offset", n);
     return nullptr;
@@ -155,11 +159,11 @@ char* ElementBytes(LmViewOf<Order>& view, int n) {
 
 template <typename Order>
 int ElementSize(LmViewOf<Order>& view, int n) {
-  if (!view.Usable() || n < 1 || static_cast<uint32_t>(n) > view.Count()) {
+  if (n < 1 || static_cast<uint32_t>(n) > view.Count()) {
     LogLineChecked(515, u"LmSize: ndex = %~d, not in range", n);
     return kErrBadParameter;
   }
-  uint32_t record = view.RecordOf(static_cast<uint32_t>(n));
+  uint32_t record = view.RecordOf(n);
   return record == 0 ? 0 : static_cast<int>(view.Get(record));
 }
 

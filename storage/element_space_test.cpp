@@ -579,6 +579,37 @@ TEST(ElementSpaceValid, MarkOnAFreeSlotPointsNowhere) {
   EXPECT_EQ(space->LmValid(), 0);
 }
 
+// A damaged count is cut to the slots inside the block, so no number or
+// loop over the table leaves it. Unbounded, 0x40000001 made 4 * n wrap to
+// slot 1 and answered element 1, and the loops read past the block.
+TEST(ElementSpaceValid, DamagedCountStaysInsideTheBlock) {
+  std::unique_ptr<ElementSpace> space(MakeSample());
+  Poke(*space, 72, 0xFFFFFFFF);
+  const uint32_t slots = (space->GetSize() - 80) / 4;
+  TestHost host;
+  const int n = 0x40000001;
+  EXPECT_EQ(space->LmGet(n), nullptr);
+  ASSERT_EQ(host.Lines().size(), 1u);
+  EXPECT_EQ(host.Lines()[0].text, "LmGet: ndex = 1073741825 > nsp->count = " + std::to_string(slots));
+  EXPECT_EQ(space->LmSize(n), kErrBadParameter);
+  EXPECT_EQ(space->LmTest(n), 0);
+  EXPECT_EQ(space->LmDupe(n), kErrBadParameter);
+  EXPECT_EQ(space->LmSet(n, 1), kErrBadParameter);
+  EXPECT_EQ(space->LmMark(n), kErrBadParameter);
+  EXPECT_EQ(space->LmRemove(n), kErrBadParameter);
+  EXPECT_EQ(space->LmCount(), static_cast<int>(slots));
+  int steps = 0;
+  for (int k = space->LmEnumRef(0); k != 0; k = space->LmEnumRef(k)) {
+    ASSERT_LE(static_cast<uint32_t>(k), slots);
+    ++steps;
+  }
+  EXPECT_GE(steps, 3);
+  space->LmUnmark();
+  EXPECT_EQ(space->LmValid(), kErrInvalidData);
+  space->LmRepair();
+  EXPECT_EQ(space->LmValid(), 0);
+}
+
 TEST(ElementSpaceValid, ShortBlocksAndValidRepair) {
   TestHost host;
   ElementSpace space(0, 0);
