@@ -206,6 +206,9 @@ class PLINTH_API TMemory : public TObject {
   int PooledSetSize(uint32_t size, int priority);
   int PooledAllocBuffer(uint32_t size, int priority);
   void* PooledMemPtr();
+  // Gives back the pool block and any archive, leaving the block empty;
+  // a locked block is refused with `lockedLine`.
+  int EmptyPooled(const char16_t* lockedLine);
   int PooledReset();
   int JoinPool();
   int LeavePool();

@@ -95,10 +95,10 @@ void* TMemory::PooledMemPtr() {
   return m_ptr;
 }
 
-int TMemory::PooledReset() {
+int TMemory::EmptyPooled(const char16_t* lockedLine) {
   TMemoryMonitor monitor;
   if (GetLockCount() != 0) {
-    LogLine(514, u"TMemory::Reset: block is locked, %E", kErrInUse);
+    LogLine(514, lockedLine, kErrInUse);
     return kErrInUse;
   }
   uint32_t oldSize = m_size;
@@ -108,6 +108,8 @@ int TMemory::PooledReset() {
   UsedSizeChanged(oldSize);
   return 0;
 }
+
+int TMemory::PooledReset() { return EmptyPooled(u"TMemory::Reset: block is locked, %E"); }
 
 int TMemory::JoinPool() {
   TMemoryMonitor monitor;
@@ -139,15 +141,8 @@ int TMemory::JoinPool() {
 
 int TMemory::LeavePool() {
   TMemoryMonitor monitor;
-  if (GetLockCount() != 0) {
-    LogLine(514, u"TMemory::SetFlags: block is locked, %E", kErrInUse);
-    return kErrInUse;
-  }
-  uint32_t oldSize = m_size;
-  GiveBackPoolBlock();
-  DropArchive();
-  m_size = 0;
-  UsedSizeChanged(oldSize);
+  int code = EmptyPooled(u"TMemory::SetFlags: block is locked, %E");
+  if (code != 0) return code;
   if (m_pool != nullptr) m_pool->AddRemovePoolUser(this, 0);
   m_pool = nullptr;
   return 0;
