@@ -65,7 +65,9 @@
 // oldest-reader version becomes a new empty space (LmNew(0, 0)).
 //
 // Operations other than LmValid and LmRepair expect a consistent block;
-// they refuse a block under 84 bytes and check numbers against the table.
+// they refuse a block under 84 bytes and check numbers against the table,
+// whose count they cut to the slots inside the block. Reads of a damaged
+// block stay inside it; edits of one may damage it further.
 //
 // Errors. Operations answer 0 (or their result) or a library code, with one
 // debug line at 515: kErrBadParameter for an argument out of range,
@@ -178,7 +180,9 @@ class PLINTH_API ElementSpace : public TMemory {
     }
     return LmGetChecked(n);
   }
-  // The element's length; 0 for a free number; a code when out of range.
+  // The element's length; 0 for a free number; a code when out of range
+  // (kErrBadParameter) or when a damaged record would run past the block
+  // (kErrInvalidData).
   int LmSize(int n);
   // The first used number above n (start with 0); 0 after the last.
   int LmEnumRef(int n);

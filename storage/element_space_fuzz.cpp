@@ -71,6 +71,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   if (space.LmValid() == 0) ReadAll(space);
+  // Reads of a damaged block must stay inside it, whatever they answer.
+  for (int n = space.LmEnumRef(0), steps = 0; n != 0 && steps < 4096; n = space.LmEnumRef(n), ++steps) {
+    const char* p = space.LmGet(n);
+    const char* base = static_cast<const char*>(space.MemPtr());
+    int length = space.LmSize(n);
+    Check(length >= 0 || length == kErrInvalidData);
+    if (p != nullptr && length >= 0) Check(p > base && p + length <= base + space.GetSize());
+  }
   if (space.LmValidBE() == 0) {
     int count = space.LmCount();  // read in host order: only a bound here
     (void)count;

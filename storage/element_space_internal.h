@@ -164,7 +164,15 @@ int ElementSize(LmViewOf<Order>& view, int n) {
     return kErrBadParameter;
   }
   uint32_t record = view.RecordOf(n);
-  return record == 0 ? 0 : static_cast<int>(view.Get(record));
+  if (record == 0) return 0;
+  // A caller reads LmGet's bytes up to this length: on a damaged block it
+  // must not lead past the end.
+  uint32_t length = view.Get(record);
+  if (length > kLmMaxElementSize || uint64_t{record} + 4 + length > view.Size()) {
+    LogLineChecked(515, u"LmSize: ndex = %~d, record runs past the block", n);
+    return kErrInvalidData;
+  }
+  return static_cast<int>(length);
 }
 
 // Sum of the physical sizes of the live records.

@@ -610,6 +610,24 @@ TEST(ElementSpaceValid, DamagedCountStaysInsideTheBlock) {
   EXPECT_EQ(space->LmValid(), 0);
 }
 
+// A caller reads LmGet's bytes up to LmSize: a damaged length that would
+// run past the block is refused rather than answered.
+TEST(ElementSpaceValid, DamagedLengthIsNotAnswered) {
+  std::unique_ptr<ElementSpace> space(MakeSample());
+  uint32_t record = Slot(*space, 1);
+  uint32_t room = space->GetSize() - record - 4;
+  TestHost host;
+  Poke(*space, record, room);
+  EXPECT_EQ(space->LmSize(1), static_cast<int>(room));
+  Poke(*space, record, room + 1);
+  EXPECT_EQ(space->LmSize(1), kErrInvalidData);
+  Poke(*space, record, 0x80000010);
+  EXPECT_EQ(space->LmSize(1), kErrInvalidData);
+  auto lines = host.Lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].text, "LmSize: ndex = 1, record runs past the block");
+}
+
 TEST(ElementSpaceValid, ShortBlocksAndValidRepair) {
   TestHost host;
   ElementSpace space(0, 0);
