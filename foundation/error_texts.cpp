@@ -26,6 +26,7 @@ constexpr ResourceTextSpec kErrorTexts[] = {
     {16100, "0024", u"No more items"},
     {16100, "0025", u"The operation is still in progress"},
     {16100, "0026", u"The file is too large"},
+    {16100, "0028", u"This machine's clock differs too much from the service's"},
     {16100, "0032", u"Encryption or decryption failed"},
     {16100, "0050", u"The printer is out of paper"},
     {16100, "0051", u"The print queue is full"},

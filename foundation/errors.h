@@ -50,6 +50,7 @@ constexpr int kErrAlreadyExists = -1023;
 constexpr int kErrNoMoreItems = -1024;
 constexpr int kErrPending = -1025;            // the operation is still in progress
 constexpr int kErrFileTooLarge = -1026;
+constexpr int kErrClockSkew = -1028;          // a service refused the request's time: the clocks differ too much
 constexpr int kErrEncryption = -1032;         // encryption or decryption failed
 constexpr int kErrOutOfPaper = -1050;
 constexpr int kErrPrintQueueFull = -1051;

@@ -239,4 +239,29 @@ for hostile in "../evil" "sub/../../evil" "/tmp/evil-abs" "a//b"; do
   expect_exit 1 "verify of '$hostile'" "$plinth" verify "$tmp/hostile.plc"
 done
 [ ! -e "$tmp/h/evil" ] && [ ! -e "$tmp/evil" ] && [ ! -e /tmp/evil-abs ] || fail "a hostile path was made"
+# plinth cloud: virtual-host and path-style locations, a kept port, refusals.
+out=$("$plinth" cloud uri "https://Backups.s3.eu-west-1.amazonaws.com/daily/set1/") || fail "cloud uri of a virtual host failed"
+for line in "host: s3.eu-west-1.amazonaws.com" "bucket: Backups" "path: daily/set1/" "flags: 0x4021" \
+            "virtual host: yes" "https: yes" "uri: Backups.s3.eu-west-1.amazonaws.com/daily/set1" "metadata: reliable"; do
+  grep -qxF "$line" <<<"$out" || fail "cloud uri of a virtual host printed no '$line': $out"
+done
+out=$("$plinth" cloud uri "http://127.0.0.1:9000/bucket/a/b" --flags 0) || fail "cloud uri of a path-style location failed"
+for line in "host: 127.0.0.1:9000" "bucket: bucket" "path: a/b/" "flags: 0x0" "virtual host: no" "https: no" \
+            "uri: 127.0.0.1:9000/bucket/a/b" "metadata: not relied on"; do
+  grep -qxF "$line" <<<"$out" || fail "cloud uri of a path-style location printed no '$line': $out"
+done
+out=$("$plinth" cloud uri acct/container --flags 0x200 --option) || fail "cloud uri of a bare Azure account failed"
+grep -qxF "host: acct.blob.core.usgovcloudapi.net" <<<"$out" || fail "cloud uri of a bare Azure account: $out"
+"$plinth" cloud uri s3.amazonaws.com 2>&1 >/dev/null | grep -q "names no bucket" || fail "cloud uri without a bucket"
+expect_exit 1 "cloud uri without a bucket" "$plinth" cloud uri s3.amazonaws.com
+expect_exit 1 "cloud uri without a host" "$plinth" cloud uri /bucket/path
+"$plinth" cloud uri h/b --flags 12z 2>&1 >/dev/null | grep -q -- "--flags takes a 32-bit number, not 12z" \
+  || fail "cloud uri --flags 12z did not name the problem"
+expect_exit 2 "cloud uri with a bad --flags value" "$plinth" cloud uri h/b --flags 12z
+expect_exit 2 "cloud uri with --flags past 32 bits" "$plinth" cloud uri h/b --flags 0x100000000
+expect_exit 2 "cloud uri without a value for --flags" "$plinth" cloud uri h/b --flags
+expect_exit 2 "cloud uri without a location" "$plinth" cloud uri
+expect_exit 2 "cloud with an unknown subcommand" "$plinth" cloud url h/b
+"$plinth" cloud --help | grep -q "usage: plinth cloud uri" || fail "cloud --help prints no usage"
+expect_exit 0 "cloud uri --help" "$plinth" cloud uri --help
 echo "cli_smoke: ok"

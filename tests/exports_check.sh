@@ -20,11 +20,18 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TMemory::SetMemPool(' 'TMemory::PooledMemPtr(' 'TMemory::createMapFile(' 'TMemory::MapFromFile(' \
             'TMemory::ArchiveToFile(' 'TMemory::deleteMapFile(' 'TMemory::IsResident(' \
             'ElementSpace::LmAdd(' 'ElementSpace::LmValid(' 'ElementSpace::LmRepair(' 'ElementSpace::LmFromBE(' \
-            'LmStoreChunk(' 'LmLoadChunk(' ; do
+            'LmStoreChunk(' 'LmLoadChunk(' \
+            'TCloudOptions::SetFromURI(' 'TCloudOptions::GetRegion(' 'TCloudOptions::SetAccessKey(' \
+            'TCloudMetaData::SetFromHeader(' 'TCloudMetaData::ValidateMetaDataDates(' 'CanUseCloudMetaData(' \
+            'TCloudObject::TCloudObject(' 'MergeTCloudObjectVectors(' 'ContinuationMarker::Reset(' \
+            'TUpDownStats::Reset(' 'TCloudBucket::TCloudBucket(' 'TCloudBucket::Verify(' 'TCloudBucket::SetLimits(' \
+            'TCloudBucket::OpenFileForWrite(' 'TCloudBucket::ReadToTMemory(' 'TCloudBucket::IsRetryError(' \
+            'TCloudBucket::CreateCloudStorageGroupFile(' 'TCloudConn::put_ObjectLock(' 'ReadCloudSetting(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
-for hidden in 'LogLine(' 'platform::' 'lm_internal::' ; do
+for hidden in 'LogLine(' 'platform::' 'lm_internal::' 'TCloudWriteFile::' 'TCloudReadFile::' 'TTokenBucket::' \
+              'CloudRetry(' 'ParseAzureLocation(' ; do
   if grep -qF "$hidden" <<<"$syms"; then fail "internal symbol exported: $hidden"; fi
 done
 echo "exports_check: ok"

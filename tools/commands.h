@@ -12,5 +12,6 @@ int RunContainerCommand(int argc, char** argv);
 int RunPackCommand(int argc, char** argv);
 int RunUnpackCommand(int argc, char** argv);
 int RunVerifyCommand(int argc, char** argv);
+int RunCloudCommand(int argc, char** argv);
 
 #endif  // PLINTH_TOOLS_COMMANDS_H_

@@ -28,6 +28,8 @@ const char kUsage[] =
     "  pack DIR FILE       pack a folder into a new chunk container\n"
     "  unpack FILE DIR     restore a packed folder under DIR\n"
     "  verify FILE         check every chunk of a packed folder\n"
+    "  cloud uri LOCATION [--flags N] [--option]\n"
+    "                      split a cloud storage location into host, bucket and path\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
@@ -46,6 +48,7 @@ const Command kCommands[] = {
     {"pack", RunPackCommand},
     {"unpack", RunUnpackCommand},
     {"verify", RunVerifyCommand},
+    {"cloud", RunCloudCommand},
 };
 
 }  // namespace
