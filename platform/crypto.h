@@ -14,13 +14,14 @@
 #ifndef PLINTH_PLATFORM_CRYPTO_H_
 #define PLINTH_PLATFORM_CRYPTO_H_
 
+#include <cstddef>
 #include <cstdint>
 
 namespace platform {
 
 using CryptHandle = uintptr_t;
 
-enum class CryptAlgorithm { kMd5, kSha1 };
+enum class CryptAlgorithm { kMd5, kSha1, kSha256 };
 
 // The service failed without saying why.
 constexpr unsigned long kCryptNoDetail = 0x1;
@@ -41,6 +42,11 @@ unsigned long CryptHashData(CryptHandle hash, const void* data, uint64_t length)
 // to the count) and leaves the object spent; destroy it afterwards.
 unsigned long CryptGetHashValue(CryptHandle hash, unsigned char* out, unsigned size, unsigned* written);
 void CryptDestroyHash(CryptHandle hash);
+
+// HMAC-SHA256 of `data` under `key` into `out` (32 bytes): the request
+// signatures of the cloud connectors.
+constexpr unsigned kHmacSha256Size = 32;
+unsigned long HmacSha256(const void* key, size_t keySize, const void* data, size_t size, unsigned char* out);
 
 // Test seam: the next call of `step` made on this thread fails with `code`
 // (nonzero) without reaching the service. Passing 0 disarms the step.

@@ -2,6 +2,7 @@
 
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 
 namespace platform {
 namespace {
@@ -32,7 +33,8 @@ void CryptFailNext(CryptStep step, unsigned long code) { g_failNext[static_cast<
 unsigned long CryptAcquire(CryptAlgorithm algorithm, CryptHandle* provider) {
   *provider = 0;
   if (unsigned long injected = TakeInjected(CryptStep::kAcquire)) return injected;
-  EVP_MD* md = EVP_MD_fetch(nullptr, algorithm == CryptAlgorithm::kMd5 ? "MD5" : "SHA1", nullptr);
+  const char* name = algorithm == CryptAlgorithm::kMd5 ? "MD5" : algorithm == CryptAlgorithm::kSha1 ? "SHA1" : "SHA256";
+  EVP_MD* md = EVP_MD_fetch(nullptr, name, nullptr);
   if (md == nullptr) return LastServiceError();
   *provider = reinterpret_cast<CryptHandle>(md);
   return 0;
@@ -96,6 +98,17 @@ unsigned long CryptGetHashValue(CryptHandle hash, unsigned char* out, unsigned s
 
 void CryptDestroyHash(CryptHandle hash) {
   if (hash != 0) EVP_MD_CTX_free(Ctx(hash));
+}
+
+unsigned long HmacSha256(const void* key, size_t keySize, const void* data, size_t size, unsigned char* out) {
+  unsigned int n = 0;
+  static const unsigned char kEmpty = 0;
+  if (HMAC(EVP_sha256(), keySize > 0 ? key : &kEmpty, static_cast<int>(keySize),
+           size > 0 ? static_cast<const unsigned char*>(data) : &kEmpty, size, out, &n) == nullptr ||
+      n != kHmacSha256Size) {
+    return LastServiceError();
+  }
+  return 0;
 }
 
 }  // namespace platform
