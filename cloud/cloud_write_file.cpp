@@ -30,7 +30,7 @@ uint32_t ChoosePartSize(const TCloudConn& conn, uint64_t sizeHint) {
 }  // namespace
 
 TCloudWriteFile::TCloudWriteFile(const CloudFileSpec& spec, const TString& name, const TCloudMetaData* meta,
-                                 uint64_t sizeHint, const TDate& retainUntil)
+                                 uint64_t sizeHint, const TDate& retainUntil, bool holdFirstPart)
     : m_spec(spec),
       m_name(name),
       m_hasMeta(meta != nullptr),
@@ -38,6 +38,7 @@ TCloudWriteFile::TCloudWriteFile(const CloudFileSpec& spec, const TString& name,
       m_partSize(ChoosePartSize(*spec.conn, sizeHint)),
       m_threads(std::clamp<uint32_t>(spec.conn->UploadThreads(), 1, 16)),
       m_maxParts(std::max<uint32_t>(spec.conn->MaxParts(), 1)),
+      m_holdFirst(holdFirstPart),
       m_transfer(true, sizeHint, spec.progress, spec.context, spec.clock, &CloudUploadLimiter()) {
   if (meta != nullptr) m_meta = *meta;
 }
@@ -94,8 +95,10 @@ int TCloudWriteFile::Write(const void* data, uint64_t size) {
 
 int TCloudWriteFile::TakeFreeBuffer(std::unique_ptr<TCloudPartBuffer>* out) {
   std::unique_lock<std::mutex> guard(m_lock);
-  // One buffer fills while each upload thread has one in flight.
-  while (m_failure == 0 && m_free.empty() && m_buffers >= m_threads + 1) m_wake.wait(guard);
+  // One buffer fills while each upload thread has one in flight (and one
+  // more waits as the held first part).
+  uint32_t most = m_threads + 1 + (m_holdFirst ? 1 : 0);
+  while (m_failure == 0 && m_free.empty() && m_buffers >= most) m_wake.wait(guard);
   if (m_failure != 0) return m_failure;
   if (!m_free.empty()) {
     *out = std::move(m_free.back());
@@ -120,11 +123,41 @@ int TCloudWriteFile::Submit() {
     return Fail(kErrFileTooLarge);
   }
   m_fill->number = ++m_partCount;
+  if (m_holdFirst && m_fill->number == 1) {
+    m_head = std::move(m_fill);
+    return 0;
+  }
+  Queue(std::move(m_fill));
+  return 0;
+}
+
+void TCloudWriteFile::Queue(std::unique_ptr<TCloudPartBuffer> part) {
   {
     std::lock_guard<std::mutex> guard(m_lock);
-    m_queue.push_back(std::move(m_fill));
+    m_queue.push_back(std::move(part));
   }
   m_wake.notify_all();
+}
+
+int TCloudWriteFile::Rewrite(uint64_t offset, const void* data, uint64_t size) {
+  if (m_finished) {
+    LogLineChecked(514, u"TCloudBucket::RewriteFile: %s is closed, %E", &m_name, kErrNotPossible);
+    return kErrNotPossible;
+  }
+  {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_failure != 0) return m_failure;
+  }
+  // Before part 1 is full it is still the buffer being filled.
+  TCloudPartBuffer* head = m_head ? m_head.get() : (m_partCount == 0 ? m_fill.get() : nullptr);
+  uint64_t held = m_holdFirst && head != nullptr ? head->size : 0;
+  if (offset > held || size > held - offset || (data == nullptr && size > 0)) {
+    LogLineChecked(514,
+                   u"TCloudBucket::RewriteFile: %s: %~lu bytes at %~lu are not in the held first part (%~lu bytes), %E",
+                   &m_name, size, offset, held, kErrNotPossible);
+    return kErrNotPossible;
+  }
+  if (size > 0) std::memcpy(head->Data() + offset, data, static_cast<size_t>(size));
   return 0;
 }
 
@@ -244,6 +277,8 @@ int TCloudWriteFile::Close() {
     return code;
   }
   if (code == 0 && m_fill && m_fill->size > 0) code = Submit();
+  // The held first part goes last: its bytes are final only now.
+  if (code == 0 && m_head) Queue(std::move(m_head));
   if (code == 0) {
     std::unique_lock<std::mutex> guard(m_lock);
     while (m_failure == 0 && (!m_queue.empty() || m_inFlight > 0)) m_wake.wait(guard);

@@ -23,6 +23,14 @@
 // whatever order they finished in, and then, when a retention date is set,
 // locks the object until then.
 //
+// Holding the first part. A writer that must come back to its first bytes
+// once the rest is known (a file format whose header is written last) asks
+// for the first part to be held: it stays in memory, goes up only when
+// Close comes (queued behind every other part), and until then Rewrite may
+// change any of its bytes already written. A multipart upload is completed from its part
+// numbers, not from the order the parts arrived, so the object is whole.
+// Memory: one part more.
+//
 // One thread uses a write file; its upload threads are its own.
 #ifndef PLINTH_CLOUD_CLOUD_WRITE_FILE_H_
 #define PLINTH_CLOUD_CLOUD_WRITE_FILE_H_
@@ -74,13 +82,16 @@ class TCloudWriteFile {
  public:
   // `sizeHint` 0: the size is not known.
   TCloudWriteFile(const CloudFileSpec& spec, const TString& name, const TCloudMetaData* meta, uint64_t sizeHint,
-                  const TDate& retainUntil);
+                  const TDate& retainUntil, bool holdFirstPart = false);
   // Aborts what was not closed.
   ~TCloudWriteFile();
   TCloudWriteFile(const TCloudWriteFile&) = delete;
   TCloudWriteFile& operator=(const TCloudWriteFile&) = delete;
 
   int Write(const void* data, uint64_t size);
+  // Overwrites bytes already written inside the held first part;
+  // kErrNotPossible for any byte outside it, or when none is held.
+  int Rewrite(uint64_t offset, const void* data, uint64_t size);
   int Close();
   // Drops the file; an unfinished upload is aborted on the service.
   int Abort();
@@ -93,6 +104,7 @@ class TCloudWriteFile {
   int Fail(int code);
   int TakeFreeBuffer(std::unique_ptr<TCloudPartBuffer>* out);
   int Submit();
+  void Queue(std::unique_ptr<TCloudPartBuffer> part);
   int StartMultipart();
   void Worker(std::shared_ptr<TCloudConn> conn);
   int UploadPart(TCloudConn* conn, TCloudPartBuffer* part, std::string* etag);
@@ -110,11 +122,13 @@ class TCloudWriteFile {
   uint32_t m_partSize;
   uint32_t m_threads;
   uint32_t m_maxParts;
+  bool m_holdFirst;
   TCloudTransfer m_transfer;
 
   uint64_t m_written = 0;
   uint32_t m_partCount = 0;
   std::unique_ptr<TCloudPartBuffer> m_fill;
+  std::unique_ptr<TCloudPartBuffer> m_head;  // part 1, held until Close
   std::string m_uploadId;  // empty until a multipart upload starts
   bool m_finished = false;  // closed or aborted
 

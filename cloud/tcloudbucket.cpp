@@ -171,7 +171,8 @@ void TCloudBucket::SetBackupRetentionDate(const TDate* date) {
   m_retention = *date;
 }
 
-int TCloudBucket::OpenFileForWrite(const TString& name, const TCloudMetaData* meta, uint64_t sizeHint) {
+int TCloudBucket::OpenFileForWrite(const TString& name, const TCloudMetaData* meta, uint64_t sizeHint,
+                                   bool holdFirstPart) {
   if (m_writeFile) {
     TString open = m_writeFile->Name();
     LogLineChecked(514, u"TCloudBucket::OpenFileForWrite: %s is still open, %E", &open, kErrInUse);
@@ -182,8 +183,8 @@ int TCloudBucket::OpenFileForWrite(const TString& name, const TCloudMetaData* me
     return kErrBadParameter;
   }
   if (getCloudConn() == nullptr) return NoConnector(u"OpenFileForWrite");
-  m_writeFile = std::make_shared<TCloudWriteFile>(FileSpec(m_uploadAttempt),
-                                                  name, meta, sizeHint, m_retention);
+  m_writeFile = std::make_shared<TCloudWriteFile>(FileSpec(m_uploadAttempt), name, meta, sizeHint, m_retention,
+                                                  holdFirstPart);
   return 0;
 }
 
@@ -193,6 +194,14 @@ int TCloudBucket::WriteToFile(const void* data, uint64_t size) {
     return kErrNotPossible;
   }
   return m_writeFile->Write(data, size);
+}
+
+int TCloudBucket::RewriteFile(uint64_t offset, const void* data, uint64_t size) {
+  if (!m_writeFile) {
+    LogLineChecked(514, u"TCloudBucket::RewriteFile: no file is open, %E", kErrNotPossible);
+    return kErrNotPossible;
+  }
+  return m_writeFile->Rewrite(offset, data, size);
 }
 
 int TCloudBucket::CloseFile() {

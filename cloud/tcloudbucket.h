@@ -29,7 +29,10 @@
 // of bytes as one object (cloud/cloud_write_file.h: a single upload or a
 // multipart upload with the part size and thread count of the connector's
 // settings, memory bounded, aborted on failure); DeleteWriteBuf drops the
-// open write file. ReadFile reads an object in order with read-ahead
+// open write file. A write file opened with `holdFirstPart` keeps its first
+// part in memory and sends it only at CloseFile; until then RewriteFile
+// may change bytes written inside it (a header that is final only at the
+// end). ReadFile reads an object in order with read-ahead
 // (cloud/cloud_read_file.h); ReadToTMemory reads an object or a range of it
 // into a memory block. At most one write file and one read file are open.
 //
@@ -107,8 +110,12 @@ class PLINTH_API TCloudBucket : public TCloudOptions {
   // ---- cloud files ---------------------------------------------------------
   // Starts a write file for `name`; `sizeHint` (0: unknown) lets the part
   // size grow for very large objects. kErrInUse while one is open.
-  int OpenFileForWrite(const TString& name, const TCloudMetaData* meta = nullptr, uint64_t sizeHint = 0);
+  int OpenFileForWrite(const TString& name, const TCloudMetaData* meta = nullptr, uint64_t sizeHint = 0,
+                       bool holdFirstPart = false);
   int WriteToFile(const void* data, uint64_t size);
+  // Overwrites `size` bytes at `offset`, all already written and inside the
+  // held first part; kErrNotPossible otherwise.
+  int RewriteFile(uint64_t offset, const void* data, uint64_t size);
   // Completes the object; the write file is closed whatever the result.
   int CloseFile();
   // Drops the write file; 0 when there is none.

@@ -7,7 +7,9 @@
 // Requests go out as given: the method, the target (already encoded), and
 // the headers verbatim and in order. Nothing is added but what HTTP/1.1
 // itself needs (the body's length); the transport's own defaults ("Accept",
-// "Expect: 100-continue", a form content type) are suppressed. TLS always
+// "Expect: 100-continue", a form content type) are suppressed. A request
+// on a kept-alive connection that the server closed without answering is
+// sent once more, body and all, on a new connection. TLS always
 // verifies the peer's certificate and name, against the system's trusted
 // certificates or the CA file of the settings.
 //
@@ -58,8 +60,9 @@ struct HttpRequestSpec {
 struct HttpSettingsSpec {
   std::string caFile;                     // empty: the system's store
   uint32_t connectTimeoutMs = 30000;
-  // A transfer slower than this many bytes per second for `stallSeconds`
-  // has stalled.
+  // A transfer that moves no byte for `stallSeconds` once connected, or
+  // runs slower than `stallBytesPerSecond` that long (averaged over a few
+  // seconds), has stalled: kTimeout.
   uint32_t stallBytesPerSecond = 1;
   uint32_t stallSeconds = 60;
 };

@@ -5,6 +5,8 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -13,13 +15,20 @@ namespace {
 
 std::once_flag g_curlInit;
 
+using Clock = std::chrono::steady_clock;
+
 // One request in flight: what the callbacks need.
 struct Exchange {
+  CURL* curl = nullptr;
   const HttpRequestSpec* request = nullptr;
   HttpObserver* observer = nullptr;
   HttpResponseSpec* response = nullptr;
   uint64_t sent = 0;
   bool stopped = false;
+  bool stalled = false;
+  std::chrono::seconds stallAfter{0};
+  curl_off_t moved = 0;
+  Clock::time_point lastMove;
 };
 
 size_t ReadBody(char* out, size_t size, size_t count, void* user) {
@@ -34,6 +43,17 @@ size_t ReadBody(char* out, size_t size, size_t count, void* user) {
     return CURL_READFUNC_ABORT;
   }
   return n;
+}
+
+// The body again from `offset`: the transport sends it once more when a
+// kept-alive connection turns out closed.
+int SeekBody(void* user, curl_off_t offset, int origin) {
+  auto* x = static_cast<Exchange*>(user);
+  if (origin != SEEK_SET || offset < 0 || static_cast<uint64_t>(offset) > x->request->bodySize) {
+    return CURL_SEEKFUNC_CANTSEEK;
+  }
+  x->sent = static_cast<uint64_t>(offset);
+  return CURL_SEEKFUNC_OK;
 }
 
 size_t WriteBody(char* data, size_t size, size_t count, void* user) {
@@ -62,8 +82,21 @@ size_t WriteHeader(char* data, size_t size, size_t count, void* user) {
   return n;
 }
 
-int Progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+int Progress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
   auto* x = static_cast<Exchange*>(user);
+  // The transport's own speed check averages over several seconds, so a
+  // stall shows late; this one counts from the last byte that moved, once
+  // the connection is up (its set-up has a time-out of its own).
+  Clock::time_point now = Clock::now();
+  curl_off_t ready = 0;
+  curl_easy_getinfo(x->curl, CURLINFO_PRETRANSFER_TIME_T, &ready);
+  if (ready == 0 || received + sent != x->moved) {
+    x->moved = received + sent;
+    x->lastMove = now;
+  } else if (now - x->lastMove >= x->stallAfter) {
+    x->stalled = true;
+    return 1;
+  }
   if (x->observer != nullptr && !x->observer->StillWanted()) {
     x->stopped = true;
     return 1;
@@ -71,7 +104,8 @@ int Progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   return 0;
 }
 
-HttpFailure ClassOf(CURLcode code, bool stopped) {
+HttpFailure ClassOf(CURLcode code, bool stopped, bool stalled) {
+  if (stalled) return HttpFailure::kTimeout;
   if (stopped) return HttpFailure::kStopped;
   switch (code) {
     case CURLE_OK:
@@ -135,6 +169,9 @@ void HttpSession::Perform(const HttpRequestSpec& request, HttpObserver* observer
   // connection cache survives the reset.
   curl_easy_reset(curl);
   Exchange x;
+  x.curl = curl;
+  x.stallAfter = std::chrono::seconds(m_state->settings.stallSeconds);
+  x.lastMove = Clock::now();
   x.request = &request;
   x.observer = observer;
   x.response = response;
@@ -181,24 +218,27 @@ void HttpSession::Perform(const HttpRequestSpec& request, HttpObserver* observer
   } else if (method == "PUT") {
     curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.bodySize));
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, &ReadBody);
-    curl_easy_setopt(curl, CURLOPT_READDATA, &x);
   } else if (method == "POST") {
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.bodySize));
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, &ReadBody);
-    curl_easy_setopt(curl, CURLOPT_READDATA, &x);
   } else if (method != "GET") {
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+  if (method == "PUT" || method == "POST") {
+    curl_easy_setopt(curl, CURLOPT_READFUNCTION, &ReadBody);
+    curl_easy_setopt(curl, CURLOPT_READDATA, &x);
+    curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, &SeekBody);
+    curl_easy_setopt(curl, CURLOPT_SEEKDATA, &x);
   }
 
   CURLcode code = curl_easy_perform(curl);
   curl_slist_free_all(headers);
   long status = 0;
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-  response->failure = ClassOf(code, x.stopped);
+  response->failure = ClassOf(code, x.stopped, x.stalled);
   if (response->failure != HttpFailure::kNone) {
     response->failureText = error[0] != '\0' ? error : curl_easy_strerror(code);
+    if (x.stalled) response->failureText = "no byte moved for " + std::to_string(settings.stallSeconds) + " s";
     // A broken answer is no answer: its status must not be mistaken for one.
     response->status = 0;
     return;

@@ -7,9 +7,11 @@
 namespace platform {
 namespace {
 
+// The name after its prefix; a name with nothing after its last colon
+// ("a:", which the parser lets through) stays whole, so no name is empty.
 const char* LocalName(const char* name) {
   const char* colon = std::strrchr(name, ':');
-  return colon != nullptr ? colon + 1 : name;
+  return colon != nullptr && colon[1] != '\0' ? colon + 1 : name;
 }
 
 bool Convert(const tinyxml2::XMLElement* from, int depth, XmlElementSpec* to, std::string* error) {

@@ -264,4 +264,33 @@ expect_exit 2 "cloud uri without a location" "$plinth" cloud uri
 expect_exit 2 "cloud with an unknown subcommand" "$plinth" cloud url h/b
 "$plinth" cloud --help | grep -q "usage: plinth cloud uri" || fail "cloud --help prints no usage"
 expect_exit 0 "cloud uri --help" "$plinth" cloud uri --help
+# plinth s3 and the bucket forms of pack: help at every level, usage errors, missing keys (no server needed).
+for args in "s3" "s3 mb" "s3 ls" "s3 stat" "s3 put" "s3 get" "s3 cp" "s3 rm"; do
+  # shellcheck disable=SC2086 # the words are the command
+  "$plinth" $args --help | grep -q "^usage: plinth $args" || fail "$args --help prints no usage"
+done
+"$plinth" --help | grep -q "s3 mb|ls|stat|put|get|cp|rm" || fail "--help does not list s3"
+"$plinth" pack --help | grep -q -- "--to s3://BUCKET/KEY" || fail "pack --help does not show --to"
+"$plinth" unpack --help | grep -q -- "--from s3://BUCKET/KEY" || fail "unpack --help does not show --from"
+expect_exit 2 "s3 without a command" "$plinth" s3
+expect_exit 2 "s3 with an unknown command" "$plinth" s3 frob
+expect_exit 2 "s3 get with one argument" "$plinth" s3 get s3://bucket/key
+expect_exit 2 "s3 ls of a path" "$plinth" s3 ls /tmp
+expect_exit 2 "s3 ls -r of a bucket without a name" "$plinth" s3 ls -r s3://
+expect_exit 2 "s3 put of standard input to no key" "$plinth" s3 put - s3://bucket/
+expect_exit 2 "s3 rm of a bucket" "$plinth" s3 rm s3://bucket
+expect_exit 2 "s3 mb of a key" "$plinth" s3 mb s3://bucket/key
+expect_exit 2 "s3 cp of an object onto itself" "$plinth" s3 cp s3://bucket/k s3://bucket/k
+expect_exit 2 "-r outside ls" "$plinth" s3 stat -r s3://bucket/key
+expect_exit 2 "--progress outside transfers" "$plinth" s3 ls --progress s3://bucket
+expect_exit 2 "pack --to without a key" "$plinth" pack --to s3://bucket/ "$src"
+expect_exit 2 "pack --to with a FILE too" "$plinth" pack --to s3://bucket/k "$src" "$tmp/x.plc"
+expect_exit 2 "unpack --from a file" "$plinth" unpack --from "$pk" "$tmp/back3"
+expect_exit 2 "verify of a local file with --region" "$plinth" verify --region eu-west-1 "$pk"
+out=$(env -i HOME="$tmp" "$plinth" s3 ls s3://bucket 2>&1); rc=$?
+[ $rc -eq 1 ] && grep -q "no keys: cannot read the credentials file $tmp/.aws/credentials" <<<"$out" ||
+  fail "s3 without keys: exit $rc, '$out'"
+out=$(env -i HOME="$tmp" AWS_ACCESS_KEY_ID=id "$plinth" s3 ls s3://bucket 2>&1); rc=$?
+[ $rc -eq 1 ] && grep -q "AWS_ACCESS_KEY_ID is set but AWS_SECRET_ACCESS_KEY is not" <<<"$out" ||
+  fail "s3 with half the keys: exit $rc, '$out'"
 echo "cli_smoke: ok"

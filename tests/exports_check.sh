@@ -26,12 +26,15 @@ for want in 'MemAlloc(' 'MemAvail(' 'TMemory::SetSize(' 'DebugLogf(' 'HookDebugL
             'TCloudObject::TCloudObject(' 'MergeTCloudObjectVectors(' 'ContinuationMarker::Reset(' \
             'TUpDownStats::Reset(' 'TCloudBucket::TCloudBucket(' 'TCloudBucket::Verify(' 'TCloudBucket::SetLimits(' \
             'TCloudBucket::OpenFileForWrite(' 'TCloudBucket::ReadToTMemory(' 'TCloudBucket::IsRetryError(' \
-            'TCloudBucket::CreateCloudStorageGroupFile(' 'TCloudConn::put_ObjectLock(' 'ReadCloudSetting(' ; do
+            'TCloudBucket::CreateCloudStorageGroupFile(' 'TCloudConn::put_ObjectLock(' 'ReadCloudSetting(' \
+            'TS3Conn::TS3Conn(' 'TS3Conn::DeleteAllCloudObjectVersions(' 'TS3Conn::GetCloudObjectVersions(' \
+            'TS3Conn::get_BucketVersioning(' 'TS3Conn::put_BucketVersioning(' 'TS3Conn::ListBucketToXML(' \
+            'TS3Conn::verifyInRetry(' 'TS3Conn::put_ObjectLock(' ; do
   grep -qF "$want" <<<"$syms" || fail "missing export: $want"
 done
 # Internal helpers stay hidden.
 for hidden in 'LogLine(' 'platform::' 'lm_internal::' 'TCloudWriteFile::' 'TCloudReadFile::' 'TTokenBucket::' \
-              'CloudRetry(' 'ParseAzureLocation(' ; do
+              'CloudRetry(' 'ParseAzureLocation(' 'S3SignRequest(' 'TS3Client::' 'S3ParseListing(' ; do
   if grep -qF "$hidden" <<<"$syms"; then fail "internal symbol exported: $hidden"; fi
 done
 echo "exports_check: ok"

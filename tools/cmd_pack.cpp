@@ -10,6 +10,10 @@
 // catalogue (storage/pack_catalog.h) is added last, then the container is
 // saved.
 //
+// With --to s3://BUCKET/KEY the container goes straight into the bucket
+// through a TBucketFile (tools/bucket_file.h): chunks go up as they are
+// stored, and the object appears only once the save completes the upload.
+//
 // Every work buffer starts with a slot header (the chunk's
 // PackChunkRefSpec: id and length from the producer, fingerprints from the
 // hash stations); the chunk's bytes follow at kSlotHeader.
@@ -33,7 +37,13 @@
 #include "storage/chunk_manager.h"
 #include "storage/pack_catalog.h"
 #include "tools/commands.h"
+#include "tools/interrupt.h"
+#include "tools/pack_cloud.h"
 #include "tools/pack_common.h"
+#include "tools/s3_commands.h"
+#include "tools/s3_location.h"
+#include "tools/s3_report.h"
+#include "tools/tool_host.h"
 
 namespace fs = std::filesystem;
 
@@ -41,13 +51,25 @@ namespace {
 
 const char kUsage[] =
     "usage: plinth pack DIR FILE\n"
+    "       plinth pack [options] --to s3://BUCKET/KEY DIR\n"
     "\n"
     "Packs every regular file and folder under DIR (relative paths, sizes,\n"
     "modification times, permission bits) into the new chunk container FILE,\n"
     "one chunk per MiB of data, each fingerprinted with a SHA-1 block hash and a\n"
     "CRC. Symbolic links and special files are skipped and listed. FILE must not\n"
-    "exist; a pack that fails removes it. Exit code 0 on success, 1 on failure,\n"
-    "2 for a usage error.\n";
+    "exist; a pack that fails removes it.\n"
+    "\n"
+    "With --to the container is the object KEY of the bucket, uploaded as it is\n"
+    "written (nothing goes to the disk); KEY must not exist. The object appears\n"
+    "only when the pack is complete: a pack that fails or is interrupted aborts\n"
+    "the upload and leaves no object.\n"
+    "\n"
+    "options (with --to):\n"
+    "%s"
+    "\n"
+    "%s"
+    "\n"
+    "Exit code 0 on success, 1 on failure, 2 for a usage error.\n";
 
 constexpr uint32_t kChunkSize = uint32_t{1} << 20;
 constexpr uint32_t kSlotHeader = 64;
@@ -362,17 +384,52 @@ int AddCatalogue(const WalkSpec& walk, ChunkManager* cm) {
   return 0;
 }
 
-int Pack(const fs::path& dir, const fs::path& file) {
+// The folder's walk, or 1 after a message.
+int WalkFolder(const fs::path& dir, WalkSpec* walk) {
   std::error_code ec;
   if (!fs::is_directory(dir, ec)) {
     int code = ec ? CodeOf(ec) : kErrNotFound;
     std::fprintf(stderr, "plinth pack: %s is not a folder: %s\n", dir.string().c_str(), DescribeCode(code).c_str());
     return 1;
   }
-  WalkSpec walk;
-  if (Walk(dir, &walk) != 0) return 1;
-  for (const std::string& s : walk.skipped) std::fprintf(stderr, "plinth pack: skipped %s\n", s.c_str());
+  if (Walk(dir, walk) != 0) return 1;
+  for (const std::string& s : walk->skipped) std::fprintf(stderr, "plinth pack: skipped %s\n", s.c_str());
+  return 0;
+}
 
+// Packs into the open, empty `target`; 0 or the code of the failure, which
+// is reported.
+int PackInto(const fs::path& dir, WalkSpec* walk, TFile* target, const std::string& name, int saveFlags,
+             RunSpec* run) {
+  ChunkManager cm;
+  int status = cm.CHOpenRef(target);
+  if (status != 0) Problem("open the container", name, status);
+  if (status == 0) status = RunPipeline(dir.string(), walk, &cm, run);
+  if (status == 0) status = AddCatalogue(*walk, &cm);
+  if (status == 0 && (status = cm.CHSave(saveFlags)) != 0) Problem("save", name, status);
+  if (cm.IsOpen()) {
+    int closed = cm.CHClose();
+    if (status == 0 && closed != 0) status = Problem("close", name, closed);
+  }
+  return status;
+}
+
+void PrintPacked(const WalkSpec& walk, const RunSpec& run, const std::string& name, uint64_t length,
+                 std::chrono::steady_clock::time_point started) {
+  size_t folders = walk.entries.size() - run.files;
+  double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  std::printf("packed %" PRIu64 " files (%" PRIu64 " bytes) and %zu folders into %s: %u chunks, %" PRIu64
+              " bytes; %zu skipped; %.2f s, %.1f MiB/s\n",
+              run.files, run.bytes, folders, name.c_str(), run.chunks, length, walk.skipped.size(), secs,
+              secs > 0 ? static_cast<double>(run.bytes) / (1024.0 * 1024.0) / secs : 0.0);
+  if (run.elapsedSecs > 0)
+    std::printf("pipeline, in whole seconds: %u from the first chunk, %u of station work, %u waiting for buffers\n",
+                run.elapsedSecs, run.workSecs, run.bufWaitSecs);
+}
+
+int Pack(const fs::path& dir, const fs::path& file) {
+  WalkSpec walk;
+  if (WalkFolder(dir, &walk) != 0) return 1;
   // Made here, so an existing FILE is never touched; removed on failure.
   TFileLoc loc = LocOf(file);
   TFile target;
@@ -383,18 +440,7 @@ int Pack(const fs::path& dir, const fs::path& file) {
   }
   RunSpec run;
   auto started = std::chrono::steady_clock::now();
-  {
-    ChunkManager cm;
-    status = cm.CHOpenRef(&target);
-    if (status != 0) Problem("open the container", file.string(), status);
-    if (status == 0) status = RunPipeline(dir.string(), &walk, &cm, &run);
-    if (status == 0) status = AddCatalogue(walk, &cm);
-    if (status == 0 && (status = cm.CHSave(0)) != 0) Problem("save", file.string(), status);
-    if (cm.IsOpen()) {
-      int closed = cm.CHClose();
-      if (status == 0 && closed != 0) status = Problem("close", file.string(), closed);
-    }
-  }
+  status = PackInto(dir, &walk, &target, file.string(), 0, &run);
   int closed = target.Close();
   if (status == 0 && closed != 0) status = Problem("close", file.string(), closed);
   if (status != 0) {
@@ -403,29 +449,88 @@ int Pack(const fs::path& dir, const fs::path& file) {
     return 1;
   }
   std::error_code sizeEc;
-  uint64_t length = fs::file_size(file, sizeEc);
-  size_t folders = walk.entries.size() - run.files;
-  double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  std::printf("packed %" PRIu64 " files (%" PRIu64 " bytes) and %zu folders into %s: %u chunks, %" PRIu64
-              " bytes; %zu skipped; %.2f s, %.1f MiB/s\n",
-              run.files, run.bytes, folders, file.string().c_str(), run.chunks, length, walk.skipped.size(), secs,
-              secs > 0 ? static_cast<double>(run.bytes) / (1024.0 * 1024.0) / secs : 0.0);
-  if (run.elapsedSecs > 0)
-    std::printf("pipeline, in whole seconds: %u from the first chunk, %u of station work, %u waiting for buffers\n",
-                run.elapsedSecs, run.workSecs, run.bufWaitSecs);
+  PrintPacked(walk, run, file.string(), fs::file_size(file, sizeEc), started);
   return 0;
 }
+
+// What the walked files hold, for the upload's part size.
+uint64_t WalkedBytes(const WalkSpec& walk) {
+  uint64_t total = 0;
+  for (size_t i = 0; i < walk.entries.size(); ++i) {
+    std::error_code ec;
+    if (walk.entries[i].kind == kPackKindFile) total += fs::file_size(walk.sources[i], ec);
+  }
+  return total;
+}
+
+int PackToBucket(const fs::path& dir, const std::string& location, const S3FlagsSpec& flags) {
+  WalkSpec walk;
+  if (WalkFolder(dir, &walk) != 0) return 1;
+  // Chunk headers and the map add far less than a MiB per MiB of data.
+  uint64_t bytes = WalkedBytes(walk);
+  CloudContainerSpec cloud;
+  int exitCode = OpenCloudContainer("pack", location, flags, true, bytes + bytes / 8 + (1 << 20), &cloud);
+  if (exitCode != 0) return exitCode;
+  RunSpec run;
+  auto started = std::chrono::steady_clock::now();
+  // The manager's syncs have nothing to make durable here: the object
+  // appears whole when the upload completes, or not at all.
+  int status = PackInto(dir, &walk, cloud.file.get(), cloud.label, kCHSaveNoSync, &run);
+  if (status == 0) {
+    ClearToolFailure();
+    status = cloud.file->Finish();
+  }
+  if (status != 0) {
+    std::string cause = !cloud.file->Refusal().empty() ? cloud.file->Refusal() : CloudCause(status);
+    std::fprintf(stderr, "plinth pack: %s: %s [%s]; the upload was aborted and no object stored\n",
+                 cloud.label.c_str(), cause.c_str(), DescribeCode(status).c_str());
+    ClearToolFailure();
+    int dropped = cloud.file->Abandon();
+    if (dropped != 0) ReportPartsLeft("pack", cloud.label, dropped);
+    return Interrupted() ? InterruptedExitCode() : 1;
+  }
+  uint64_t length = 0;
+  cloud.file->GetLength(&length);
+  PrintPacked(walk, run, cloud.label, length, started);
+  return 0;
+}
+
+void PrintUsage(std::FILE* to) { std::fprintf(to, kUsage, kS3FlagsHelp, kS3EnvironmentHelp); }
 
 }  // namespace
 
 int RunPackCommand(int argc, char** argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
-    std::fputs(kUsage, stdout);
-    return 0;
+  std::string to;
+  S3FlagsSpec flags;
+  std::vector<std::string> args;
+  for (int i = 0; i < argc; ++i) {
+    std::string arg = argv[i];
+    std::string why;
+    if (arg == "--help" || arg == "-h") {
+      PrintUsage(stdout);
+      return 0;
+    }
+    int taken = TakePackCloudFlag(argc, argv, &i, &flags, &why);
+    if (taken < 0) return S3Usage("pack", why);
+    if (taken > 0) continue;
+    if (arg == "--to") {
+      if (i + 1 == argc) return S3Usage("pack", "--to needs an s3://BUCKET/KEY location");
+      to = argv[++i];
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      return S3Usage("pack", "unknown option " + arg);
+    } else {
+      args.push_back(arg);
+    }
   }
-  if (argc != 2) {
-    std::fputs(kUsage, stderr);
-    return 2;
+  // "pack DIR s3://BUCKET/KEY" reads as --to.
+  if (to.empty() && args.size() == 2 && IsS3Location(args[1])) {
+    to = args[1];
+    args.pop_back();
   }
-  return Pack(argv[0], argv[1]);
+  if (!to.empty() && args.size() == 1) return PackToBucket(args[0], to, flags);
+  if (to.empty() && args.size() == 2 && flags.endpoint.empty() && flags.region.empty() && flags.profile.empty()) {
+    return Pack(args[0], args[1]);
+  }
+  PrintUsage(stderr);
+  return 2;
 }

@@ -6,6 +6,10 @@
 // file), the target folder must be new or empty, and files are made with
 // exclusive creation, so nothing outside the target is reached. Every
 // chunk is checked against its fingerprints before its bytes are written.
+//
+// A container in a bucket (s3://BUCKET/KEY) is read in place through a
+// TBucketFile: the header, the map and the catalogue at the end, then the
+// chunks in order, fetched ahead in ranges.
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -23,7 +27,12 @@
 #include "storage/chunk_manager.h"
 #include "storage/pack_catalog.h"
 #include "tools/commands.h"
+#include "tools/interrupt.h"
+#include "tools/pack_cloud.h"
 #include "tools/pack_common.h"
+#include "tools/s3_commands.h"
+#include "tools/s3_location.h"
+#include "tools/s3_report.h"
 
 namespace fs = std::filesystem;
 
@@ -31,38 +40,77 @@ namespace {
 
 const char kUnpackUsage[] =
     "usage: plinth unpack FILE DIR\n"
+    "       plinth unpack [options] --from s3://BUCKET/KEY DIR\n"
     "\n"
-    "Restores the files and folders packed into FILE (contents, modification\n"
-    "times, permission bits) under DIR, which is made when missing and must be\n"
+    "Restores the files and folders packed into FILE, or into the object KEY of\n"
+    "the bucket (read in place, never copied to the disk), under DIR (contents,\n"
+    "modification times, permission bits). DIR is made when missing and must be\n"
     "empty otherwise. Every chunk is checked against its block hashes first; a\n"
-    "file with a damaged chunk is not restored. Exit code 0 when everything was\n"
-    "restored, 1 when something failed, 2 for a usage error.\n";
+    "file with a damaged chunk is not restored.\n"
+    "\n"
+    "options (with --from):\n"
+    "%s"
+    "\n"
+    "%s"
+    "\n"
+    "Exit code 0 when everything was restored, 1 when something failed, 2 for a\n"
+    "usage error.\n";
 
 const char kVerifyUsage[] =
-    "usage: plinth verify FILE\n"
+    "usage: plinth verify [options] FILE|s3://BUCKET/KEY\n"
     "\n"
-    "Checks the container FILE made by plinth pack: its map, its catalogue, and\n"
-    "every data chunk against its block hashes; every chunk must belong to\n"
-    "exactly one file. Prints each problem. Exit code 0 when FILE is clean, 1\n"
-    "otherwise, 2 for a usage error.\n";
+    "Checks the container FILE made by plinth pack, or the object KEY of the\n"
+    "bucket (read in place): its map, its catalogue, and every data chunk against\n"
+    "its block hashes; every chunk must belong to exactly one file. Prints each\n"
+    "problem.\n"
+    "\n"
+    "options (with s3://):\n"
+    "%s"
+    "\n"
+    "%s"
+    "\n"
+    "Exit code 0 when the container is clean, 1 otherwise, 2 for a usage error.\n";
 
-// An open container and its decoded catalogue.
+// An open container and its decoded catalogue; a container in a bucket
+// keeps its file (and the file its bucket) until the manager is gone.
 struct PackedSpec {
+  S3FlagsSpec flags;
+  CloudContainerSpec cloud;
   ChunkManager cm;
   PackCatalogSpec catalog;
 };
 
-int OpenPacked(const char* tool, const std::string& file, PackedSpec* packed) {
+// 0, or the exit code after a message.
+int OpenContainer(const char* tool, const std::string& file, PackedSpec* packed) {
+  if (IsS3Location(file)) {
+    int exitCode = OpenCloudContainer(tool, file, packed->flags, false, 0, &packed->cloud);
+    if (exitCode != 0) return exitCode;
+    int status = packed->cm.CHOpenRef(packed->cloud.file.get());
+    if (status == 0) return 0;
+    if (status == kErrCHUnreadable || status == kErrCHInvalid || status == kErrCHBadMap) {
+      std::fprintf(stderr, "plinth %s: cannot open %s: %s\n", tool, file.c_str(), DescribeCode(status).c_str());
+      return 1;
+    }
+    return ReportCloudFailure(tool, "open", file, status);
+  }
   TFileLoc loc = LocOf(file);
   int status = packed->cm.CHOpen(&loc, kFileOpenRead);
   if (status != 0) {
     std::fprintf(stderr, "plinth %s: cannot open %s: %s\n", tool, file.c_str(), DescribeCode(status).c_str());
-    return status;
+    return 1;
   }
+  return 0;
+}
+
+// 0, or the exit code after a message.
+int OpenPacked(const char* tool, const std::string& file, PackedSpec* packed) {
+  int exitCode = OpenContainer(tool, file, packed);
+  if (exitCode != 0) return exitCode;
+  int status = 0;
   if (!packed->cm.CHFindChunk(kPackCatalogType, kPackCatalogId)) {
     std::fprintf(stderr, "plinth %s: %s has no catalogue: %s\n", tool, file.c_str(),
                  DescribeCode(kErrNotFound).c_str());
-    return kErrNotFound;
+    return 1;
   }
   TMemory* handle = nullptr;
   status = packed->cm.CHGetChunk(kPackCatalogType, kPackCatalogId, &handle, 1);
@@ -74,8 +122,9 @@ int OpenPacked(const char* tool, const std::string& file, PackedSpec* packed) {
   if (status != 0) {
     std::fprintf(stderr, "plinth %s: the catalogue of %s is unusable: %s\n", tool, file.c_str(),
                  DescribeCode(status).c_str());
+    return 1;
   }
-  return status;
+  return 0;
 }
 
 // Reads chunk `ref` and checks it; `data` holds it afterwards.
@@ -145,9 +194,11 @@ int RestoreFile(PackedSpec* packed, TBlockHash* hash, const fs::path& target, co
   return SetAttributes(target, entry);
 }
 
-int Unpack(const std::string& file, const fs::path& dir) {
+int Unpack(const std::string& file, const fs::path& dir, const S3FlagsSpec& flags) {
   PackedSpec packed;
-  if (OpenPacked("unpack", file, &packed) != 0) return 1;
+  packed.flags = flags;
+  int exitCode = OpenPacked("unpack", file, &packed);
+  if (exitCode != 0) return exitCode;
   std::error_code ec;
   if (fs::exists(dir, ec)) {
     if (!fs::is_directory(dir, ec) || !fs::is_empty(dir, ec)) {
@@ -164,6 +215,8 @@ int Unpack(const std::string& file, const fs::path& dir) {
   int failed = 0;
   uint64_t files = 0, folders = 0, bytes = 0;
   for (const PackEntrySpec& entry : packed.catalog.entries) {
+    // Ctrl-C on a read from a bucket: stop, rather than fail file by file.
+    if (Interrupted()) break;
     fs::path target = dir / fs::path(entry.path);
     if (entry.kind == kPackKindFolder) {
       fs::create_directories(target, ec);
@@ -190,6 +243,10 @@ int Unpack(const std::string& file, const fs::path& dir) {
     ++folders;
   }
   progress.Finish();
+  if (Interrupted()) {
+    std::fprintf(stderr, "plinth unpack: interrupted; %s holds what was restored before\n", dir.string().c_str());
+    return InterruptedExitCode();
+  }
   if (failed != 0) {
     std::fprintf(stderr, "plinth unpack: %d of %zu entries failed\n", failed, packed.catalog.entries.size());
     return 1;
@@ -201,9 +258,11 @@ int Unpack(const std::string& file, const fs::path& dir) {
 
 // ---- verify ----
 
-int Verify(const std::string& file) {
+int Verify(const std::string& file, const S3FlagsSpec& flags) {
   PackedSpec packed;
-  if (OpenPacked("verify", file, &packed) != 0) return 1;
+  packed.flags = flags;
+  int exitCode = OpenPacked("verify", file, &packed);
+  if (exitCode != 0) return exitCode;
   int problems = 0;
   auto report = [&](const std::string& text) {
     std::fprintf(stderr, "plinth verify: %s: %s\n", file.c_str(), text.c_str());
@@ -217,6 +276,7 @@ int Verify(const std::string& file) {
   std::set<uint32_t> referenced;
   uint64_t files = 0, chunks = 0, bytes = 0;
   for (const PackEntrySpec& entry : packed.catalog.entries) {
+    if (Interrupted()) break;
     if (entry.kind == kPackKindFile) ++files;
     for (const PackChunkRefSpec& ref : entry.chunks) {
       referenced.insert(ref.id);
@@ -235,6 +295,10 @@ int Verify(const std::string& file) {
     progress.Add(0, 1);
   }
   progress.Finish();
+  if (Interrupted()) {
+    std::fprintf(stderr, "plinth verify: %s: interrupted\n", file.c_str());
+    return InterruptedExitCode();
+  }
 
   // Every chunk of the container belongs to the catalogue.
   int dataType = static_cast<int>(packed.catalog.dataType);
@@ -259,32 +323,59 @@ int Verify(const std::string& file) {
   return 0;
 }
 
-bool WantsHelp(int argc, char** argv) {
-  return argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0);
+void PrintUsage(const char* usage, std::FILE* to) { std::fprintf(to, usage, kS3FlagsHelp, kS3EnvironmentHelp); }
+
+// The arguments of unpack or verify: positionals, the cloud options and,
+// for unpack, --from. 0, -1 after --help, or 2 after a usage message.
+int ParseArgs(const char* tool, const char* usage, int argc, char** argv, bool takesFrom,
+              std::vector<std::string>* args, S3FlagsSpec* flags) {
+  std::string from;
+  for (int i = 0; i < argc; ++i) {
+    std::string arg = argv[i];
+    std::string why;
+    if (arg == "--help" || arg == "-h") {
+      PrintUsage(usage, stdout);
+      return -1;
+    }
+    int taken = TakePackCloudFlag(argc, argv, &i, flags, &why);
+    if (taken < 0) return S3Usage(tool, why);
+    if (taken > 0) continue;
+    if (takesFrom && arg == "--from") {
+      if (i + 1 == argc) return S3Usage(tool, "--from needs an s3://BUCKET/KEY location");
+      from = argv[++i];
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      return S3Usage(tool, "unknown option " + arg);
+    } else {
+      args->push_back(arg);
+    }
+  }
+  if (!from.empty()) {
+    if (!IsS3Location(from)) return S3Usage(tool, "--from takes an s3://BUCKET/KEY location, not " + from);
+    args->insert(args->begin(), from);
+  }
+  bool cloudFlags = !flags->endpoint.empty() || !flags->region.empty() || !flags->profile.empty();
+  size_t want = takesFrom ? 2 : 1;
+  if (args->size() != want || (cloudFlags && !IsS3Location(args->front()))) {
+    PrintUsage(usage, stderr);
+    return 2;
+  }
+  return 0;
 }
 
 }  // namespace
 
 int RunUnpackCommand(int argc, char** argv) {
-  if (WantsHelp(argc, argv)) {
-    std::fputs(kUnpackUsage, stdout);
-    return 0;
-  }
-  if (argc != 2) {
-    std::fputs(kUnpackUsage, stderr);
-    return 2;
-  }
-  return Unpack(argv[0], argv[1]);
+  std::vector<std::string> args;
+  S3FlagsSpec flags;
+  int parsed = ParseArgs("unpack", kUnpackUsage, argc, argv, true, &args, &flags);
+  if (parsed != 0) return parsed < 0 ? 0 : parsed;
+  return Unpack(args[0], args[1], flags);
 }
 
 int RunVerifyCommand(int argc, char** argv) {
-  if (WantsHelp(argc, argv)) {
-    std::fputs(kVerifyUsage, stdout);
-    return 0;
-  }
-  if (argc != 1) {
-    std::fputs(kVerifyUsage, stderr);
-    return 2;
-  }
-  return Verify(argv[0]);
+  std::vector<std::string> args;
+  S3FlagsSpec flags;
+  int parsed = ParseArgs("verify", kVerifyUsage, argc, argv, false, &args, &flags);
+  if (parsed != 0) return parsed < 0 ? 0 : parsed;
+  return Verify(args[0], flags);
 }

@@ -13,5 +13,6 @@ int RunPackCommand(int argc, char** argv);
 int RunUnpackCommand(int argc, char** argv);
 int RunVerifyCommand(int argc, char** argv);
 int RunCloudCommand(int argc, char** argv);
+int RunS3Command(int argc, char** argv);
 
 #endif  // PLINTH_TOOLS_COMMANDS_H_

@@ -26,10 +26,17 @@ const char kUsage[] =
     "  container compact|recover FILE NEWFILE\n"
     "                      look into, change, check and repair chunk container files\n"
     "  pack DIR FILE       pack a folder into a new chunk container\n"
+    "  pack --to s3://BUCKET/KEY DIR\n"
+    "                      pack a folder straight into an object of a bucket\n"
     "  unpack FILE DIR     restore a packed folder under DIR\n"
-    "  verify FILE         check every chunk of a packed folder\n"
+    "  unpack --from s3://BUCKET/KEY DIR\n"
+    "                      restore a packed folder from an object of a bucket\n"
+    "  verify FILE|s3://BUCKET/KEY\n"
+    "                      check every chunk of a packed folder\n"
     "  cloud uri LOCATION [--flags N] [--option]\n"
     "                      split a cloud storage location into host, bucket and path\n"
+    "  s3 mb|ls|stat|put|get|cp|rm ...\n"
+    "                      buckets and objects of an S3-compatible service\n"
     "\n"
     "plinth <command> --help shows a command's own usage.\n";
 
@@ -49,6 +56,7 @@ const Command kCommands[] = {
     {"unpack", RunUnpackCommand},
     {"verify", RunVerifyCommand},
     {"cloud", RunCloudCommand},
+    {"s3", RunS3Command},
 };
 
 }  // namespace

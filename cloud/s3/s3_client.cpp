@@ -183,9 +183,11 @@ void TS3Client::Exchange(const S3RequestSpec& request, S3AnswerSpec* answer) {
 
 void TS3Client::Send(const S3RequestSpec& request, const char16_t* what, S3AnswerSpec* answer) {
   Exchange(request, answer);
-  // A wrong region is followed once, to the region the service names.
-  if (answer->code != 0 && answer->error.name == "AuthorizationHeaderMalformed" && !answer->error.region.empty() &&
-      answer->error.region != m_region) {
+  // A wrong region is followed once, to the region the service names. A
+  // HEAD answer carries no document: a bare 400 with the header says it.
+  bool wrongRegion = answer->error.name == "AuthorizationHeaderMalformed" ||
+                     (request.method == "HEAD" && answer->status == 400 && answer->error.name.empty());
+  if (answer->code != 0 && wrongRegion && !answer->error.region.empty() && answer->error.region != m_region) {
     TString op(what), from = TStringFromUTF8(m_region), to = TStringFromUTF8(answer->error.region);
     LogLineChecked(519, u"%s: the bucket is in region %s, not %s; asking again there", &op, &to, &from);
     m_region = answer->error.region;

@@ -19,7 +19,9 @@ std::string S3RequestTime(int64_t unixSeconds);
 // Hex SHA-256 and Base64 MD5 of a body; empty when the digest service fails.
 std::string S3Sha256Hex(const uint8_t* data, size_t size);
 std::string S3Md5Base64(const uint8_t* data, size_t size);
-// XML character escapes of `text` for request bodies.
+// `text` as the content of an element of a request body: "&", "<" and ">"
+// escaped, quotes left as they are, so that an entity tag ("\"...\"") goes
+// out as the service gave it.
 std::string S3XmlEscape(const std::string& text);
 
 #endif  // PLINTH_CLOUD_S3_S3_ENCODE_H_

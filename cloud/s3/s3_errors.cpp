@@ -16,6 +16,16 @@ bool Is(const std::string& name, std::initializer_list<const char*> names) {
 
 }  // namespace
 
+bool S3IsRegionName(const std::string& text) {
+  if (text.empty() || text.size() > kS3MaxRegionName) return false;
+  for (char c : text) {
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+              c == '.';
+    if (!ok) return false;
+  }
+  return true;
+}
+
 std::string S3HeaderValue(const std::string& headers, const char* name) {
   size_t length = std::char_traits<char>::length(name);
   size_t at = 0;
@@ -56,6 +66,7 @@ void S3MapError(long status, platform::HttpFailure failure, const std::string& b
   *out = S3ErrorSpec();
   int earlier = S3EarlierCode(status, failure);
   out->region = S3HeaderValue(headers, "x-amz-bucket-region");
+  if (!S3IsRegionName(out->region)) out->region.clear();
   if (status == 0) {
     // No answer: what the transport said, or -1010 when it said nothing.
     out->code = earlier != 0 ? earlier : kErrBadParameter;
@@ -67,9 +78,12 @@ void S3MapError(long status, platform::HttpFailure failure, const std::string& b
     out->name = root.ChildText("Code");
     out->message = root.ChildText("Message");
     std::string region = root.ChildText("Region");
-    if (!region.empty()) out->region = region;
+    if (S3IsRegionName(region)) out->region = region;
   }
   const std::string& name = out->name;
+  // An error document inside a success is the service's own trouble when
+  // it names that, as a 5xx status would.
+  if (status < 300 && Is(name, {"InternalError", "SlowDown", "ServiceUnavailable"})) earlier = kErrNetwork;
   if (name == "AuthorizationHeaderMalformed") {
     out->code = kErrBadParameter;
   } else if (name == "RequestTimeTooSkewed") {

@@ -22,10 +22,11 @@
 // trouble: "InternalError", "SlowDown", "ServiceUnavailable"), are network
 // failures, -1116, which the cloud files try again; a certificate that is
 // not trusted is final (-1017) and a request the caller stopped is -1015.
-// "No answer at all" is
-// an exchange that ended without either. An answer of status 400 or above
-// without a document keeps the code its status gives: 403 -1017, 404
-// -1101, any other -1010.
+// So is an error document inside a 200 answer (a completion or a copy that
+// failed after its status went out) naming one of those three codes.
+// "No answer at all" is an exchange that ended without either. An answer
+// of status 400 or above without a document keeps the code its status
+// gives: 403 -1017, 404 -1101, any other -1010.
 #ifndef PLINTH_CLOUD_S3_S3_ERRORS_H_
 #define PLINTH_CLOUD_S3_S3_ERRORS_H_
 
@@ -37,8 +38,15 @@ struct S3ErrorSpec {
   int code = 0;             // the library code
   std::string name;         // the service's "Code"
   std::string message;      // its "Message"
-  std::string region;       // "Region" or "x-amz-bucket-region"
+  std::string region;       // "Region" or "x-amz-bucket-region", when a region name
 };
+
+constexpr size_t kS3MaxRegionName = 64;
+
+// Letters, digits, "-", "_" and ".", at most kS3MaxRegionName of them. A
+// region an answer names goes into the next request's signature and
+// headers, so nothing else is taken from it.
+bool S3IsRegionName(const std::string& text);
 
 // The status's own code before a document is read (the "earlier" code);
 // 0 for a success.

@@ -23,8 +23,13 @@
 // Region: the product's own cloud domain gives it (GetRegion), else the
 // host's name ("s3.REGION.amazonaws.com"), else "CloudRegion". A request
 // refused as signed for the wrong region ("AuthorizationHeaderMalformed"
-// naming another region in its "Region" or "x-amz-bucket-region") is sent
-// once more, signed for that region, which the connector then keeps.
+// naming another region in its "Region" or "x-amz-bucket-region"; for a
+// HEAD, which gets no document, a bare 400 with that header) is sent once
+// more, signed for that region, which the connector then keeps.
+//
+// Listings page until complete only while each page names a place the call
+// has not listed from yet: a page that comes back to an earlier place is
+// refused (kErrInvalidData, logged), not followed round.
 //
 // Errors: s3_errors.h maps each failed answer; each is logged with the
 // operation's name ("TS3Conn::DeleteCloudObject: statusCode 404, ...").

@@ -1,5 +1,6 @@
 // Listings, version listings and the deletions built on them.
 #include <algorithm>
+#include <set>
 
 #include "cloud/s3/s3_client.h"
 #include "cloud/s3/s3_encode.h"
@@ -28,6 +29,22 @@ int Refused(const char16_t* what, const std::string& why) {
   return kErrInvalidData;
 }
 
+// The places one call has listed from. The parser refuses a page that
+// names its own place again; a service going round a circle of places
+// (tokens are opaque, so only equality tells) is caught here.
+class Places {
+ public:
+  explicit Places(const ContinuationMarker& start) { m_seen.emplace(start.marker, start.token); }
+  bool IsNew(const S3ListingSpec& page) {
+    return !page.truncated || m_seen.emplace(page.nextMarker, page.nextToken).second;
+  }
+
+ private:
+  std::set<std::pair<std::string, std::string>> m_seen;
+};
+
+constexpr char kCircle[] = "a truncated listing that comes back to an earlier place";
+
 }  // namespace
 
 int TS3Conn::List(const TString& path, bool delimited, std::vector<TCloudObject>* folders,
@@ -37,6 +54,7 @@ int TS3Conn::List(const TString& path, bool delimited, std::vector<TCloudObject>
   if (marker == nullptr) marker = &local;
   bool v2 = !PreferOldS3Api();
   std::string prefix = Key(path);
+  Places places(*marker);
   do {
     S3RequestSpec request;
     request.query = {{"prefix", prefix}, {"max-keys", std::to_string(std::min(maxCount, kPageKeys))}};
@@ -56,6 +74,7 @@ int TS3Conn::List(const TString& path, bool delimited, std::vector<TCloudObject>
                        TStringAsString(m_options.GetPath()), *marker, &page, &why) != 0) {
       return Refused(what, why);
     }
+    if (!places.IsNew(page)) return Refused(what, kCircle);
     if (folders != nullptr) folders->insert(folders->end(), page.folders.begin(), page.folders.end());
     if (files != nullptr) files->insert(files->end(), page.files.begin(), page.files.end());
     MoveOn(page, marker);
@@ -100,6 +119,7 @@ int TS3Conn::GetCloudObjectVersions(const TString& path, std::vector<TCloudObjec
                                     ContinuationMarker* marker) {
   ContinuationMarker local;
   if (marker == nullptr) marker = &local;
+  Places places(*marker);
   do {
     S3RequestSpec request;
     request.query = {{"versions", ""}, {"prefix", Key(path)}, {"max-keys", std::to_string(kPageKeys)}};
@@ -114,6 +134,7 @@ int TS3Conn::GetCloudObjectVersions(const TString& path, std::vector<TCloudObjec
                        &why) != 0) {
       return Refused(u"TS3Conn::GetCloudObjectVersions", why);
     }
+    if (!places.IsNew(page)) return Refused(u"TS3Conn::GetCloudObjectVersions", kCircle);
     versions->insert(versions->end(), page.files.begin(), page.files.end());
     MoveOn(page, marker);
   } while (untilComplete && marker->IsActive());

@@ -1,0 +1,75 @@
+#include "tests/s3/s3_fixture.h"
+
+#include <openssl/sha.h>
+
+#include <cstdio>
+
+#include "cloud/s3/s3_encode.h"
+
+std::vector<uint8_t> PeerBytes(size_t size, uint32_t seed) {
+  std::vector<uint8_t> out(size);
+  uint32_t x = seed * 2654435761u + 7;
+  for (size_t i = 0; i < size; ++i) {
+    x = x * 1664525u + 1013904223u;
+    out[i] = static_cast<uint8_t>(x >> 24);
+  }
+  return out;
+}
+
+std::string PeerSha1(const uint8_t* data, size_t size) {
+  unsigned char digest[SHA_DIGEST_LENGTH];
+  SHA1(data, size, digest);
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : digest) {
+    out += kHex[c >> 4];
+    out += kHex[c & 15];
+  }
+  return out;
+}
+
+void S3Fixture::SetUp() {
+  ASSERT_TRUE(S3Peers::Get().Ok()) << S3Peers::Get().Error();
+  host.SetIni("Options", "CloudCAFile", S3Peers::Get().Value("S3_CA_FILE"));
+  bucketName = FreshBucketName("plinth");
+  conn = Connect();
+  ASSERT_EQ(conn->CreateBucket(TString(), false, 0), TString());
+}
+
+void S3Fixture::TearDown() {
+  if (!HasFailure()) return;
+  for (const LoggedLine& line : host.Lines()) {
+    if (line.selector != 519) std::fprintf(stderr, "log %u: %s\n", line.selector, line.text.c_str());
+  }
+}
+
+TCloudOptions S3Fixture::Options(S3Peers::Server server, const std::string& path) const {
+  return S3Peers::Get().Options(server, bucketName, path);
+}
+
+std::unique_ptr<TS3Conn> S3Fixture::Connect(S3Peers::Server server, const std::string& path) {
+  auto made = std::make_unique<TS3Conn>(Options(server, path));
+  made->ReadSettings();
+  return made;
+}
+
+int S3Fixture::Put(TS3Conn* c, const std::string& name, const std::vector<uint8_t>& data,
+                   const TCloudMetaData* meta) {
+  CloudUploadSpec spec;
+  spec.name = TStringFromUTF8(name);
+  spec.meta = meta;
+  std::string etag;
+  return c->UploadBytes(spec, data.data(), data.size(), &etag);
+}
+
+int S3Fixture::Get(TS3Conn* c, const std::string& name, uint64_t offset, uint32_t length,
+                   std::vector<uint8_t>* out) {
+  out->assign(length, 0);
+  CloudDownloadSpec spec;
+  spec.name = TStringFromUTF8(name);
+  spec.offset = offset;
+  uint32_t received = 0;
+  int code = c->DownloadBytes(spec, out->data(), length, &received);
+  out->resize(received);
+  return code;
+}
