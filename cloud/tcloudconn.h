@@ -127,10 +127,11 @@ class PLINTH_API TCloudConn : public TObject {
   virtual TString CreateBucket(const TString& region, bool objectLock, uint32_t retentionDays);
   // Checks that the account reaches the bucket.
   virtual int Verify();
-  // One level under `path`: folders (names ending in "/") and files, at
-  // most `maxCount` entries per call. With `untilComplete` the connector
-  // follows the marker until the listing ends; otherwise it answers one
-  // page and leaves the marker active while more follow.
+  // One level under `path`: folders (names ending in "/") and files, asked
+  // for `maxCount` entries a page at most. With `untilComplete` the
+  // connector follows the marker until the listing ends (every page);
+  // otherwise it answers one page and leaves the marker active while more
+  // follow.
   virtual int GetFoldersAndFiles(const TString& path, std::vector<TCloudObject>* folders,
                                  std::vector<TCloudObject>* files, bool untilComplete, ContinuationMarker* marker,
                                  uint32_t maxCount);

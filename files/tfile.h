@@ -49,8 +49,10 @@ class PLINTH_API TFile : public TObject {
 
   // Closes any file held first. The position starts at 0.
   int Open(const TFileLoc& loc, TFileOpenMode mode = kFileOpenRead);
-  bool IsOpen() const { return m_handle.IsOpen(); }
-  bool IsWritable() const { return m_writable; }
+  // Virtual, with the transfers below: a file that is not on a disk (an
+  // object in a bucket) answers for itself.
+  virtual bool IsOpen() const { return m_handle.IsOpen(); }
+  virtual bool IsWritable() const { return m_writable; }
   // 0 (also when nothing was open) or the mapped failure of the close.
   int Close();
 

@@ -78,7 +78,8 @@ struct HttpResponseSpec {
 class HttpObserver {
  public:
   virtual ~HttpObserver() = default;
-  // `bytes` more of the request body left. False stops the request.
+  // `bytes` more of the request body left (a body sent again on a new
+  // connection is told once). False stops the request.
   virtual bool BodySent(size_t bytes) = 0;
   // A run of the answer's body. False stops the request.
   virtual bool BodyReceived(const uint8_t* data, size_t size) = 0;

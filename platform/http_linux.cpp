@@ -24,6 +24,7 @@ struct Exchange {
   HttpObserver* observer = nullptr;
   HttpResponseSpec* response = nullptr;
   uint64_t sent = 0;
+  uint64_t reported = 0;  // body bytes told to the observer: a re-sent body is told once
   bool stopped = false;
   bool stalled = false;
   std::chrono::seconds stallAfter{0};
@@ -38,7 +39,10 @@ size_t ReadBody(char* out, size_t size, size_t count, void* user) {
   if (n == 0) return 0;
   std::memcpy(out, x->request->body + x->sent, n);
   x->sent += n;
-  if (x->observer != nullptr && !x->observer->BodySent(n)) {
+  if (x->sent <= x->reported) return n;
+  size_t fresh = static_cast<size_t>(x->sent - x->reported);
+  x->reported = x->sent;
+  if (x->observer != nullptr && !x->observer->BodySent(fresh)) {
     x->stopped = true;
     return CURL_READFUNC_ABORT;
   }

@@ -5,6 +5,7 @@ plinth="$1"
 fail() { echo "cli_smoke: $*" >&2; exit 1; }
 
 "$plinth" --help | grep -q "usage: plinth" || fail "--help prints no usage"
+"$plinth" --version | grep -Eq "^plinth [0-9]+\.[0-9]+\.[0-9]+$" || fail "--version prints no version"
 "$plinth" >/dev/null 2>&1; [ $? -eq 2 ] || fail "no command must exit 2"
 "$plinth" frobnicate >/dev/null 2>&1; [ $? -eq 2 ] || fail "unknown command must exit 2"
 # plinth error: codes, Windows errors and errno values, and clean refusals.

@@ -12,6 +12,7 @@
 #include "cloud/cloud_clock.h"
 #include "cloud/tcloudbucket.h"
 #include "tests/recording_conn.h"
+#include "tests/test_bytes.h"
 
 // A bucket that makes a recording connector (and counts how often).
 // A clock that never sleeps: each reading and each sleep moves it on.
@@ -63,15 +64,5 @@ inline TCloudOptions TestOptions(uint32_t flags = kCloudDefaultFlags) {
   return options;
 }
 
-// `size` bytes that differ at every offset of a part-sized period.
-inline std::vector<uint8_t> TestBytes(size_t size, uint32_t seed = 1) {
-  std::vector<uint8_t> out(size);
-  uint32_t x = seed * 2654435761u + 1;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1664525u + 1013904223u;
-    out[i] = static_cast<uint8_t>(x >> 24);
-  }
-  return out;
-}
 
 #endif  // PLINTH_TESTS_CLOUD_TESTING_H_

@@ -277,7 +277,7 @@ std::vector<FakeRequest> FakeS3Server::Requests() const {
 int FakeS3Server::Count(const std::string& method, const std::string& contains) const {
   std::lock_guard<std::mutex> guard(m_lock);
   return static_cast<int>(std::count_if(m_requests.begin(), m_requests.end(), [&](const FakeRequest& r) {
-    return (method.empty() || r.method == method) && r.target.find(contains) != std::string::npos;
+    return (method.empty() || r.method == method) && FakeTargetHas(r.target, contains);
   }));
 }
 
@@ -292,6 +292,14 @@ void FakeS3Server::AcceptLoop() {
   }
 }
 
+bool FakeTargetHas(const std::string& target, const std::string& pattern) {
+  if (!pattern.empty() && pattern.back() == '$') {
+    std::string tail = pattern.substr(0, pattern.size() - 1);
+    return target.size() >= tail.size() && target.compare(target.size() - tail.size(), tail.size(), tail) == 0;
+  }
+  return target.find(pattern) != std::string::npos;
+}
+
 FakeAnswer FakeS3Server::Choose(const FakeRequest& request) {
   std::function<FakeAnswer(const FakeRequest&)> respond;
   FakeAnswer answer = FakeError(501, "NotImplemented");
@@ -301,7 +309,7 @@ FakeAnswer FakeS3Server::Choose(const FakeRequest& request) {
     bool chosen = false;
     for (FakeRule& rule : m_rules) {
       if (!rule.method.empty() && rule.method != request.method) continue;
-      if (request.target.find(rule.contains) == std::string::npos) continue;
+      if (!FakeTargetHas(request.target, rule.contains)) continue;
       int n = ++rule.matched;
       if (chosen || n < rule.from || (rule.times >= 0 && n >= rule.from + rule.times)) continue;
       chosen = true;

@@ -62,6 +62,9 @@ struct FakeAnswer {
   bool close = false;       // close the connection after the answer
 };
 
+// `pattern` is found in `target`; a final "$" pins it to the end.
+bool FakeTargetHas(const std::string& target, const std::string& pattern);
+
 struct FakeRule {
   std::string method;
   std::string contains;
@@ -91,7 +94,8 @@ class FakeS3Server {
   void ClearRules();
 
   std::vector<FakeRequest> Requests() const;
-  // Requests whose method matches (empty: any) and whose target holds `contains`.
+  // Requests whose method matches (empty: any) and whose target holds
+  // `contains` (ending in "$": ends with it, for bare query names).
   int Count(const std::string& method, const std::string& contains = std::string()) const;
   int Connections() const { return m_connections.load(); }
 

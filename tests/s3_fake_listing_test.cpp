@@ -95,7 +95,7 @@ TEST_F(S3FakeListing, FoldersAndFilesPageByContinuationToken) {
 TEST_F(S3FakeListing, VersionsPageByKeyAndVersionMarkersAndAllOfThemAreDeleted) {
   FakeRule versions;
   versions.method = "GET";
-  versions.contains = "versions=";
+  versions.contains = "versions$";
   versions.respond = [](const FakeRequest& r) {
     FakeAnswer a;
     std::string key = QueryValue(r, "key-marker"), id = QueryValue(r, "version-id-marker");
@@ -113,7 +113,7 @@ TEST_F(S3FakeListing, VersionsPageByKeyAndVersionMarkersAndAllOfThemAreDeleted) 
     return a;
   };
   server.Add(versions);
-  server.On("POST", "?delete=", FakeAnswer{200, {}, "<DeleteResult/>"});
+  server.On("POST", "?delete$", FakeAnswer{200, {}, "<DeleteResult/>"});
   std::vector<TCloudObject> found;
   ASSERT_EQ(Conn().GetCloudObjectVersions(u"p/", &found, true, nullptr), 0);
   ASSERT_EQ(found.size(), 3u);
@@ -121,10 +121,10 @@ TEST_F(S3FakeListing, VersionsPageByKeyAndVersionMarkersAndAllOfThemAreDeleted) 
   EXPECT_TRUE(found[1].GetETag().IsEmpty());
   EXPECT_EQ(TStringAsString(found[2].GetName()), "p/b&c");
   FakeRequest second = server.Requests()[1];
-  EXPECT_EQ(second.query, "key-marker=p%2Fa&max-keys=1000&prefix=p%2F&version-id-marker=v%202&versions=");
+  EXPECT_EQ(second.query, "key-marker=p%2Fa&max-keys=1000&prefix=p%2F&version-id-marker=v%202&versions");
 
   ASSERT_EQ(Conn().DeleteAllCloudObjectVersions(u"p/"), 0);
-  FakeRequest del = Only("POST", "?delete=");
+  FakeRequest del = Only("POST", "?delete$");
   EXPECT_EQ(del.path, "/bkt");
   EXPECT_TRUE(del.Has("Content-MD5"));
   EXPECT_EQ(del.body,
@@ -135,11 +135,11 @@ TEST_F(S3FakeListing, VersionsPageByKeyAndVersionMarkersAndAllOfThemAreDeleted) 
 
 TEST_F(S3FakeListing, EraseDeletesWhatTheListingNamesAndReportsARefusedKey) {
   server.Add(Pages({{"", Page(File("a") + File("b&lt;c"), "")}}));
-  server.On("POST", "?delete=",
+  server.On("POST", "?delete$",
             FakeAnswer{200, {},
                        "<DeleteResult><Error><Key>b&lt;c</Key><Code>AccessDenied</Code></Error></DeleteResult>"});
   EXPECT_EQ(Conn().Erase(TString()), kErrAccessDenied);
-  EXPECT_EQ(Only("POST", "?delete=").body,
+  EXPECT_EQ(Only("POST", "?delete$").body,
             "<Delete><Quiet>true</Quiet><Object><Key>a</Key></Object><Object><Key>b&lt;c</Key></Object></Delete>");
   EXPECT_TRUE(LoggedFailure("TS3Conn::Erase: b<c was not deleted: AccessDenied"));
 }
@@ -168,7 +168,7 @@ TEST_F(S3FakeListing, PagesThatDoNotMoveOnAreRefusedNotFollowed) {
   // Versions whose markers come back to an earlier place.
   FakeRule circle;
   circle.method = "GET";
-  circle.contains = "versions=";
+  circle.contains = "versions$";
   circle.respond = [](const FakeRequest& r) {
     std::string key = QueryValue(r, "key-marker");
     std::string next = key == "k1" ? "k2" : "k1";
@@ -178,7 +178,7 @@ TEST_F(S3FakeListing, PagesThatDoNotMoveOnAreRefusedNotFollowed) {
   server.Add(circle);
   std::vector<TCloudObject> versions;
   EXPECT_EQ(Conn().GetCloudObjectVersions(TString(), &versions, true, nullptr), kErrInvalidData);
-  EXPECT_EQ(server.Count("GET", "versions="), 3);
+  EXPECT_EQ(server.Count("GET", "versions$"), 3);
 }
 
 }  // namespace

@@ -248,7 +248,7 @@ TS3Conn& S3FakeTest::Conn() {
 FakeRequest S3FakeTest::Only(const std::string& method, const std::string& contains) const {
   std::vector<FakeRequest> found;
   for (const FakeRequest& r : server.Requests()) {
-    if (r.method == method && r.target.find(contains) != std::string::npos) found.push_back(r);
+    if (r.method == method && FakeTargetHas(r.target, contains)) found.push_back(r);
   }
   EXPECT_EQ(found.size(), 1u) << method << " " << contains;
   return found.empty() ? FakeRequest() : found.front();

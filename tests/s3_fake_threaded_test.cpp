@@ -95,7 +95,7 @@ TEST_F(S3FakeThreadedFiles, MultipartUploadRetriesAPartAndCompletesInOrder) {
   parts.respond = [](const FakeRequest& r) {
     return Answer(200, "", {{"ETag", "\"etag-" + QueryValue(r, "partNumber") + "\""}});
   };
-  server.On("POST", "?uploads=", Answer(200, "<InitiateMultipartUploadResult><UploadId>M1</UploadId>"
+  server.On("POST", "?uploads$", Answer(200, "<InitiateMultipartUploadResult><UploadId>M1</UploadId>"
                                              "</InitiateMultipartUploadResult>"));
   server.OnNth("PUT", "partNumber=2&", 1, FakeError(503, "SlowDown"));
   server.Add(parts);
@@ -130,7 +130,7 @@ TEST_F(S3FakeThreadedFiles, MultipartUploadRetriesAPartAndCompletesInOrder) {
 TEST_F(S3FakeThreadedFiles, RefusedCompletionAbortsTheUpload) {
   host.SetIni("Options", "CloudUploadThreads", "2");
   host.SetIni("Options", "CloudMaxTransferMB", "5");
-  server.On("POST", "?uploads=", Answer(200, "<InitiateMultipartUploadResult><UploadId>M2</UploadId>"
+  server.On("POST", "?uploads$", Answer(200, "<InitiateMultipartUploadResult><UploadId>M2</UploadId>"
                                              "</InitiateMultipartUploadResult>"));
   server.On("PUT", "partNumber=", Answer(200, "", {{"ETag", "\"p\""}}));
   server.On("POST", "?uploadId=M2", Answer(200, FakeErrorXml("AccessDenied")));

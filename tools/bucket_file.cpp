@@ -9,7 +9,6 @@
 
 namespace {
 
-const char16_t kNullDevice[] = u"/dev/null";
 constexpr uint64_t kZeroRun = 1 << 20;
 
 }  // namespace
@@ -34,14 +33,14 @@ int TBucketFile::OpenForRead() {
   }
   m_length = std::stoull(size);
   m_writing = false;
-  return Open(TFileLoc(TString(kNullDevice)), kFileOpenRead);
+  m_open = true;
+  return 0;
 }
 
 int TBucketFile::OpenForWrite(uint64_t sizeHint) {
-  int code = Open(TFileLoc(TString(kNullDevice)), kFileOpenReadWrite);
+  int code = m_bucket->OpenFileForWrite(m_name, nullptr, sizeHint, true);
   if (code != 0) return code;
-  code = m_bucket->OpenFileForWrite(m_name, nullptr, sizeHint, true);
-  if (code != 0) return code;
+  m_open = true;
   m_writing = true;
   m_uploadOpen = true;
   m_length = 0;

@@ -20,10 +20,8 @@
 // completed leaves no object behind, so there is nothing an earlier sync
 // could make safe.
 //
-// ChunkManager asks TFile::IsOpen and IsWritable, which are not virtual
-// and look at the file's handle: the handle under a bucket file is the
-// null device, opened for reading or for writing to match. Every transfer
-// goes to the bucket.
+// No file of the disk is open under a bucket file: IsOpen and IsWritable
+// answer for the object, and every transfer goes to the bucket.
 #ifndef PLINTH_TOOLS_BUCKET_FILE_H_
 #define PLINTH_TOOLS_BUCKET_FILE_H_
 
@@ -57,6 +55,8 @@ class TBucketFile : public TFile {
   int WriteAt(uint64_t offset, const void* buffer, uint32_t* count) override;
   int GetLength(uint64_t* length) override;
   int SetLength(uint64_t length) override;
+  bool IsOpen() const override { return m_open; }
+  bool IsWritable() const override { return m_open && m_writing; }
   int Flush() override { return 0; }
   int Sync() override { return 0; }
 
@@ -68,6 +68,7 @@ class TBucketFile : public TFile {
   TCloudBucket* m_bucket;
   std::string m_key;
   TString m_name;
+  bool m_open = false;
   bool m_writing = false;
   bool m_uploadOpen = false;
   uint64_t m_length = 0;

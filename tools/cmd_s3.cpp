@@ -17,8 +17,10 @@ const char kUsage[] =
     "  ls [-r] s3://BUCKET[/PREFIX]      list objects: one level, or all with -r\n"
     "  stat s3://BUCKET/KEY              size, entity tag and dates of an object\n"
     "  put FILE|- s3://BUCKET/KEY        store a file, or standard input\n"
+    "  put -r FOLDER s3://BUCKET/PREFIX/ store every file under a folder\n"
     "  get s3://BUCKET/KEY FILE|-        fetch an object into a file, or to standard\n"
     "                                    output\n"
+    "  get -r s3://BUCKET/PREFIX/ FOLDER fetch every object under a prefix\n"
     "  cp s3://BUCKET/KEY s3://BUCKET/KEY  copy an object\n"
     "  rm s3://BUCKET/KEY                remove an object\n"
     "\n"
@@ -60,18 +62,24 @@ const SubcommandSpec kSubcommands[] = {
      "beside its objects when they are there.\n"},
     {"put", S3Put, 2, true,
      "usage: plinth s3 put [options] FILE|- s3://BUCKET/KEY\n"
+     "       plinth s3 put -r [options] FOLDER s3://BUCKET/PREFIX/\n"
      "\n"
      "Stores FILE, or standard input for -, as the object KEY (a KEY that is empty\n"
      "or ends in \"/\" gets FILE's name added). Large input goes up as a multipart\n"
      "upload, its parts in parallel; a failed or interrupted put leaves no object\n"
-     "behind.\n"},
+     "behind. With -r every file under FOLDER goes to PREFIX plus its path in the\n"
+     "folder, several at a time (CloudUploadThreads), each worker keeping its own\n"
+     "connection; a file that fails is named and the others go on.\n"},
     {"get", S3Get, 2, true,
      "usage: plinth s3 get [options] s3://BUCKET/KEY FILE|-\n"
+     "       plinth s3 get -r [options] s3://BUCKET/PREFIX/ FOLDER\n"
      "\n"
      "Fetches the object into FILE (into a folder under the key's last name), or\n"
      "writes it to standard output for -. The bytes go to a temporary file beside\n"
      "FILE that takes FILE's name only when all of them came: a failed get leaves\n"
-     "FILE as it was.\n"},
+     "FILE as it was. With -r every object under PREFIX comes to FOLDER under its\n"
+     "path after the prefix (a key that would lead out of FOLDER is refused),\n"
+     "several at a time (CloudDownloadThreads).\n"},
     {"cp", S3Copy, 2, true,
      "usage: plinth s3 cp [options] s3://BUCKET/KEY s3://BUCKET/KEY\n"
      "\n"
@@ -113,7 +121,7 @@ int RunSubcommand(const SubcommandSpec& sub, int argc, char** argv) {
     int taken = TakeS3Flag(argc, argv, &i, sub.transfer, &a.flags, &why);
     if (taken < 0) return S3Usage(a.tool, why);
     if (taken > 0) continue;
-    if (sub.run == S3List && (arg == "-r" || arg == "--recursive")) {
+    if ((sub.run == S3List || sub.run == S3Put || sub.run == S3Get) && (arg == "-r" || arg == "--recursive")) {
       a.recursive = true;
     } else if (arg.size() > 1 && arg[0] == '-') {
       return S3Usage(a.tool, "unknown option " + arg);
@@ -127,6 +135,8 @@ int RunSubcommand(const SubcommandSpec& sub, int argc, char** argv) {
     PrintSubcommandUsage(sub, stderr);
     return 2;
   }
+  if (a.recursive && sub.run == S3Put) return S3PutTree(a);
+  if (a.recursive && sub.run == S3Get) return S3GetTree(a);
   return sub.run(a);
 }
 

@@ -38,7 +38,7 @@ const char kUsage[] =
     "  s3 mb|ls|stat|put|get|cp|rm ...\n"
     "                      buckets and objects of an S3-compatible service\n"
     "\n"
-    "plinth <command> --help shows a command's own usage.\n";
+    "plinth <command> --help shows a command's own usage; plinth --version its version.\n";
 
 struct Command {
   const char* name;
@@ -65,6 +65,10 @@ int main(int argc, char** argv) {
   if (argc < 2) {
     std::fputs(kUsage, stderr);
     return 2;
+  }
+  if (std::strcmp(argv[1], "--version") == 0) {
+    std::printf("plinth %s\n", PLINTH_VERSION);
+    return 0;
   }
   if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "help") == 0) {
     std::fputs(kUsage, stdout);

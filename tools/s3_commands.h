@@ -25,6 +25,9 @@ int S3Remove(const S3ArgsSpec& a);
 int S3Copy(const S3ArgsSpec& a);
 int S3Put(const S3ArgsSpec& a);
 int S3Get(const S3ArgsSpec& a);
+// put -r FOLDER s3://BUCKET/PREFIX/ and get -r s3://BUCKET/PREFIX/ FOLDER.
+int S3PutTree(const S3ArgsSpec& a);
+int S3GetTree(const S3ArgsSpec& a);
 
 // Copies an object of `size` bytes between buckets through this process,
 // with the library's dates of `sourceMeta`.

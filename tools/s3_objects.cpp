@@ -33,6 +33,16 @@ bool Locate(const S3ArgsSpec& a, const std::string& text, bool keyOptional, S3Lo
   return true;
 }
 
+// The bucket of the location `a.args[0]` names, with the account loaded;
+// false with `*exitCode` set on a usage or account failure.
+bool OpenLocated(const S3ArgsSpec& a, bool keyOptional, S3LocationSpec* where, TS3Account* account,
+                 std::unique_ptr<TCloudBucket>* bucket, int* exitCode) {
+  if (!Locate(a, a.args[0], keyOptional, where, exitCode)) return false;
+  if ((*exitCode = account->Load(a.tool.c_str(), a.flags)) != 0) return false;
+  *bucket = account->Bucket(where->bucket, nullptr, nullptr);
+  return true;
+}
+
 std::string DateText(const TDate& date) {
   if (date.IsDefault()) return "-";
   return TStringAsString(date.ToShortDelimitedISOString());
@@ -113,12 +123,11 @@ int S3MakeBucket(const S3ArgsSpec& a) {
 
 int S3List(const S3ArgsSpec& a) {
   S3LocationSpec where;
-  int exitCode = 0;
-  if (!Locate(a, a.args[0], true, &where, &exitCode)) return exitCode;
   TS3Account account;
-  if ((exitCode = account.Load(a.tool.c_str(), a.flags)) != 0) return exitCode;
+  std::unique_ptr<TCloudBucket> bucket;
+  int exitCode = 0;
+  if (!OpenLocated(a, true, &where, &account, &bucket, &exitCode)) return exitCode;
   CatchInterrupts();
-  std::unique_ptr<TCloudBucket> bucket = account.Bucket(where.bucket, nullptr, nullptr);
   TString prefix = TStringFromUTF8(where.key);
   ContinuationMarker marker;
   // A page at a time, so a large bucket shows at once and memory stays flat.
@@ -143,11 +152,10 @@ int S3List(const S3ArgsSpec& a) {
 
 int S3Stat(const S3ArgsSpec& a) {
   S3LocationSpec where;
-  int exitCode = 0;
-  if (!Locate(a, a.args[0], false, &where, &exitCode)) return exitCode;
   TS3Account account;
-  if ((exitCode = account.Load(a.tool.c_str(), a.flags)) != 0) return exitCode;
-  std::unique_ptr<TCloudBucket> bucket = account.Bucket(where.bucket, nullptr, nullptr);
+  std::unique_ptr<TCloudBucket> bucket;
+  int exitCode = 0;
+  if (!OpenLocated(a, false, &where, &account, &bucket, &exitCode)) return exitCode;
   TCloudMetaData meta;
   int code = Head(bucket.get(), where.key, &meta);
   if (code != 0) return ReportCloudFailure(a.tool.c_str(), "look at", S3LocationText(where), code);
@@ -164,11 +172,10 @@ int S3Stat(const S3ArgsSpec& a) {
 
 int S3Remove(const S3ArgsSpec& a) {
   S3LocationSpec where;
-  int exitCode = 0;
-  if (!Locate(a, a.args[0], false, &where, &exitCode)) return exitCode;
   TS3Account account;
-  if ((exitCode = account.Load(a.tool.c_str(), a.flags)) != 0) return exitCode;
-  std::unique_ptr<TCloudBucket> bucket = account.Bucket(where.bucket, nullptr, nullptr);
+  std::unique_ptr<TCloudBucket> bucket;
+  int exitCode = 0;
+  if (!OpenLocated(a, false, &where, &account, &bucket, &exitCode)) return exitCode;
   // The service answers a delete of nothing as done; rm of a missing file
   // is an error to people.
   int code = Head(bucket.get(), where.key, nullptr);

@@ -8,6 +8,7 @@
 #include "foundation/errors.h"
 #include "foundation/format_checked.h"
 #include "platform/clock.h"
+#include "platform/xml.h"
 
 namespace {
 
@@ -34,10 +35,19 @@ long StatusOf(const std::string& statusLine) {
 // Carries the bytes of one exchange between the transport and the request.
 class Exchanger : public platform::HttpObserver {
  public:
-  Exchanger(const S3RequestSpec& request, S3AnswerSpec* answer, const platform::HttpResponseSpec* response)
-      : m_request(request), m_answer(answer), m_response(response) {}
+  // `reported` is shared by the exchanges of one request, so a body sent
+  // again (to the right region) is counted once.
+  Exchanger(const S3RequestSpec& request, S3AnswerSpec* answer, const platform::HttpResponseSpec* response,
+            uint64_t* reported)
+      : m_request(request), m_answer(answer), m_response(response), m_reported(reported) {}
 
-  bool BodySent(size_t bytes) override { return m_request.tap == nullptr || m_request.tap->Moved(bytes); }
+  bool BodySent(size_t bytes) override {
+    m_position += bytes;
+    if (m_position <= *m_reported) return true;
+    uint64_t fresh = m_position - *m_reported;
+    *m_reported = m_position;
+    return m_request.tap == nullptr || m_request.tap->Moved(fresh);
+  }
 
   bool BodyReceived(const uint8_t* data, size_t size) override {
     long status = StatusOf(m_response->statusLine);
@@ -64,6 +74,8 @@ class Exchanger : public platform::HttpObserver {
   const S3RequestSpec& m_request;
   S3AnswerSpec* m_answer;
   const platform::HttpResponseSpec* m_response;
+  uint64_t* m_reported;
+  uint64_t m_position = 0;
 };
 
 }  // namespace
@@ -125,7 +137,7 @@ TS3Client::TS3Client(const TCloudOptions& options, const std::string& region, co
   m_session = std::make_unique<platform::HttpSession>(http);
 }
 
-void TS3Client::Exchange(const S3RequestSpec& request, S3AnswerSpec* answer) {
+void TS3Client::Exchange(const S3RequestSpec& request, S3AnswerSpec* answer, uint64_t* reported) {
   *answer = S3AnswerSpec();
   // The bucket itself is "/BUCKET" path style, "/" on a virtual host.
   std::string path = m_endpoint.pathBase + "/" + S3UriEncode(request.key, true);
@@ -158,14 +170,14 @@ void TS3Client::Exchange(const S3RequestSpec& request, S3AnswerSpec* answer) {
 
   platform::HttpRequestSpec http;
   http.method = request.method;
-  std::string query = S3CanonicalQuery(request.query);
+  std::string query = S3UrlQuery(request.query);
   http.url = m_endpoint.origin + path + (query.empty() ? "" : "?" + query);
   for (const auto& [name, value] : signing.headers) http.headers.push_back({name, value});
   http.headers.push_back({"Authorization", signature.authorization});
   http.body = request.body;
   http.bodySize = request.bodySize;
   platform::HttpResponseSpec response;
-  Exchanger exchanger(request, answer, &response);
+  Exchanger exchanger(request, answer, &response, reported);
   m_session->Perform(http, &exchanger, &response);
   answer->status = response.status;
   answer->headers = response.headers;
@@ -182,7 +194,8 @@ void TS3Client::Exchange(const S3RequestSpec& request, S3AnswerSpec* answer) {
 }
 
 void TS3Client::Send(const S3RequestSpec& request, const char16_t* what, S3AnswerSpec* answer) {
-  Exchange(request, answer);
+  uint64_t reported = 0;
+  Exchange(request, answer, &reported);
   // A wrong region is followed once, to the region the service names. A
   // HEAD answer carries no document: a bare 400 with the header says it.
   bool wrongRegion = answer->error.name == "AuthorizationHeaderMalformed" ||
@@ -191,7 +204,7 @@ void TS3Client::Send(const S3RequestSpec& request, const char16_t* what, S3Answe
     TString op(what), from = TStringFromUTF8(m_region), to = TStringFromUTF8(answer->error.region);
     LogLineChecked(519, u"%s: the bucket is in region %s, not %s; asking again there", &op, &to, &from);
     m_region = answer->error.region;
-    Exchange(request, answer);
+    Exchange(request, answer, &reported);
   }
   if (answer->code == 0 || (request.quietMissing && answer->code == kErrNotFound)) return;
   TString op(what);
@@ -199,4 +212,27 @@ void TS3Client::Send(const S3RequestSpec& request, const char16_t* what, S3Answe
   TString message = TStringFromUTF8(answer->error.message);
   LogLineChecked(514, u"%s: statusCode %d, %s: %s, %E", &op, static_cast<int>(answer->status), &name, &message,
                  answer->code);
+}
+
+int S3ReadResult(const S3AnswerSpec& answer, const char* expected, const char16_t* what, const TString& name,
+                 platform::XmlElementSpec* root) {
+  std::string why;
+  // "operation: object" where there is an object.
+  TString op(what);
+  if (!name.IsEmpty()) {
+    op += u": ";
+    op += name;
+  }
+  if (!platform::ParseXml(answer.body.data(), answer.body.size(), root, &why)) {
+    TString text = TStringFromUTF8(why);
+    LogLineChecked(514, u"%s: unreadable answer: %s, %E", &op, &text, kErrInvalidData);
+    return kErrInvalidData;
+  }
+  if (root->name == expected) return 0;
+  S3ErrorSpec error;
+  S3MapError(answer.status, platform::HttpFailure::kNone, answer.body, answer.headers, &error);
+  int code = root->name == "Error" ? error.code : kErrInvalidData;
+  TString got = TStringFromUTF8(root->name), detail = TStringFromUTF8(error.name + " " + error.message);
+  LogLineChecked(514, u"%s: answer %s (%s), %E", &op, &got, &detail, code);
+  return code;
 }

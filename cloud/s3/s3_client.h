@@ -31,6 +31,7 @@
 #include "cloud/s3/s3_signer.h"
 #include "cloud/tcloudconn.h"
 #include "platform/http.h"
+#include "platform/xml.h"
 
 constexpr size_t kS3MaxAnswerBytes = 64u << 20;
 
@@ -78,6 +79,12 @@ S3EndpointSpec S3Endpoint(const TCloudOptions& options);
 // empty when it names none.
 std::string S3RegionOfHost(const std::string& host);
 
+// The root element of a 200 answer, which must be named `expected`; an
+// error document there (a failure inside a success) answers its code. One
+// log line naming `what` and `name` on failure.
+int S3ReadResult(const S3AnswerSpec& answer, const char* expected, const char16_t* what, const TString& name,
+                 platform::XmlElementSpec* root);
+
 class TS3Client {
  public:
   TS3Client(const TCloudOptions& options, const std::string& region, const platform::HttpSettingsSpec& http);
@@ -92,7 +99,7 @@ class TS3Client {
   const S3EndpointSpec& Endpoint() const { return m_endpoint; }
 
  private:
-  void Exchange(const S3RequestSpec& request, S3AnswerSpec* answer);
+  void Exchange(const S3RequestSpec& request, S3AnswerSpec* answer, uint64_t* reported);
 
   TCloudOptions m_options;
   S3EndpointSpec m_endpoint;

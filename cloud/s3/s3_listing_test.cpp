@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cloud/s3/ts3conn.h"
 #include "foundation/errors.h"
 
 namespace {
@@ -129,6 +130,22 @@ TEST(S3ListingParse, BrokenOrEndlessAnswersAreRefused) {
     EXPECT_EQ(S3ParseListing(c.body, c.kind, "", c.previous, &page, &why), kErrInvalidData) << c.what;
     EXPECT_FALSE(why.empty()) << c.what;
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Only a leading "1" asks for the old listing: "10" does, "true", "yes",
+// "0" and nothing do not. (The setting is read once per process; the
+// real-server listing runs once with it on from the start.)
+TEST(S3ListingParse, OnlyALeadingOneAsksForTheOldListing) {
+  const struct {
+    const char* value;
+    bool on;
+  } cases[] = {{"1", true}, {"10", true}, {"1 ", true}, {"true", false}, {"yes", false},
+               {"0", false}, {"", false}, {" 1", false}, {"01", false}};
+  for (const auto& c : cases) EXPECT_EQ(TS3Conn::PreferOldS3ApiValue(c.value), c.on) << "'" << c.value << "'";
 }
 
 }  // namespace

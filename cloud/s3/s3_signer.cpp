@@ -54,7 +54,9 @@ void Log(const char16_t* prefix, const std::string& text) {
 
 }  // namespace
 
-std::string S3CanonicalQuery(const S3Pairs& query) {
+namespace {
+
+std::string JoinQuery(const S3Pairs& query, bool bareEmpty) {
   std::vector<std::pair<std::string, std::string>> encoded;
   encoded.reserve(query.size());
   for (const auto& [name, value] : query) encoded.emplace_back(S3UriEncode(name, false), S3UriEncode(value, false));
@@ -62,10 +64,17 @@ std::string S3CanonicalQuery(const S3Pairs& query) {
   std::string out;
   for (const auto& [name, value] : encoded) {
     if (!out.empty()) out += '&';
-    out += name + "=" + value;
+    out += name;
+    if (!bareEmpty || !value.empty()) out += "=" + value;
   }
   return out;
 }
+
+}  // namespace
+
+std::string S3CanonicalQuery(const S3Pairs& query) { return JoinQuery(query, false); }
+
+std::string S3UrlQuery(const S3Pairs& query) { return JoinQuery(query, true); }
 
 bool S3SignRequest(const S3SigningSpec& request, const std::string& secretKey, S3SignatureSpec* out) {
   static const std::vector<std::string> kOrder = SignedHeaderOrder();

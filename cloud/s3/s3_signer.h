@@ -62,8 +62,12 @@ struct S3SignatureSpec {
   std::string authorization;
 };
 
-// The encoded query string, as the canonical request and the URL carry it.
+// The encoded query string of the canonical request ("name=" for an empty
+// value, as the signature wants).
 std::string S3CanonicalQuery(const S3Pairs& query);
+// The same query as the request line carries it: a name with an empty
+// value goes bare ("?uploads", "?worm"), as the service documents them.
+std::string S3UrlQuery(const S3Pairs& query);
 // Signs with `secretKey`; false when the digest service fails.
 bool S3SignRequest(const S3SigningSpec& request, const std::string& secretKey, S3SignatureSpec* out);
 

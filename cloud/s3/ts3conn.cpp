@@ -23,10 +23,12 @@ std::string Setting(const char16_t* key) {
 
 }  // namespace
 
+bool TS3Conn::PreferOldS3ApiValue(const std::string& value) { return !value.empty() && value[0] == '1'; }
+
 bool TS3Conn::PreferOldS3Api() {
   static std::once_flag once;
   static bool prefer = false;
-  std::call_once(once, [] { prefer = Setting(u"PreferOldS3Api").compare(0, 1, "1") == 0; });
+  std::call_once(once, [] { prefer = PreferOldS3ApiValue(Setting(u"PreferOldS3Api")); });
   return prefer;
 }
 

@@ -52,6 +52,8 @@ constexpr uint32_t kS3MinPartSize = 5 * kCloudMiB;
 constexpr uint32_t kS3MaxParts = 10000;
 // Objects above this size are copied in parts.
 constexpr uint64_t kS3CopyPartSize = uint64_t{1} << 30;
+// The longest retention policy Alibaba OSS takes, in days (about 70 years).
+constexpr int kS3MaxWormDays = 25550;
 
 class PLINTH_API TS3Conn : public TCloudConn {
  public:
@@ -101,12 +103,17 @@ class PLINTH_API TS3Conn : public TCloudConn {
   int verifyInRetry();
   // Alibaba OSS retention (WORM): starts a policy of `days` and gives its
   // id ("x-oss-worm-id"), makes it binding, reads the bucket's days.
+  // A bucket made with object lock on Alibaba OSS gets a policy of the
+  // days asked for, or else of the setting "alibaba_default_retention"
+  // (section "Options", 1..kS3MaxWormDays; none when missing).
   int InitiateWorm(uint32_t days, std::string* wormId);
   int CompleteWorm(const std::string& wormId);
   int GetWormDays(uint32_t* days);
 
   // Whether "PreferOldS3Api" was on when the process first asked.
   static bool PreferOldS3Api();
+  // How a value of the setting reads: on when it begins with "1".
+  static bool PreferOldS3ApiValue(const std::string& value);
   const std::string& Region() const;
 
  private:
@@ -121,6 +128,7 @@ class PLINTH_API TS3Conn : public TCloudConn {
   int CopyInParts(const std::string& source, const TString& target, uint64_t size,
                   const std::vector<std::pair<std::string, std::string>>& headers);
   bool RetentionPerObject() const;
+  static uint32_t AlibabaDefaultRetention();
 
   std::string m_caFile;
   std::string m_region;

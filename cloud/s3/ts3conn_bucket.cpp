@@ -27,6 +27,10 @@ S3RequestSpec WithBody(const char* method, const std::string& body, S3Pairs quer
 
 }  // namespace
 
+uint32_t TS3Conn::AlibabaDefaultRetention() {
+  return static_cast<uint32_t>(ReadCloudSetting(u"alibaba_default_retention", 1, kS3MaxWormDays, 0));
+}
+
 bool TS3Conn::RetentionPerObject() const {
   return !HostHas(m_options, kGoogleApisDomain) && !HostHas(m_options, kAlibabaOssDomain);
 }
@@ -42,7 +46,9 @@ TString TS3Conn::CreateBucket(const TString& region, bool objectLock, uint32_t r
   S3RequestSpec request = WithBody("PUT", body, {});
   request.contentMd5 = !body.empty();
   bool google = HostHas(m_options, kGoogleStorageHost);
-  if (objectLock && !google) request.headers.emplace_back("x-amz-bucket-object-lock-enabled", "true");
+  bool alibaba = HostHas(m_options, kAlibabaOssDomain);
+  // Alibaba locks a bucket by a retention policy of its own (WORM), after.
+  if (objectLock && !google && !alibaba) request.headers.emplace_back("x-amz-bucket-object-lock-enabled", "true");
   if (google && !m_options.GetProject().IsEmpty()) {
     request.headers.emplace_back("x-goog-project-id", TStringAsString(m_options.GetProject()));
   }
@@ -55,9 +61,10 @@ TString TS3Conn::CreateBucket(const TString& region, bool objectLock, uint32_t r
     if (!answer.error.name.empty()) return TStringFromUTF8(answer.error.name);
     return TString(answer.status == 0 ? u"NetworkError" : u"HttpError");
   }
-  if (objectLock && retentionDays > 0 && HostHas(m_options, kAlibabaOssDomain)) {
+  uint32_t days = retentionDays > 0 ? retentionDays : AlibabaDefaultRetention();
+  if (objectLock && alibaba && days > 0) {
     std::string wormId;
-    int code = InitiateWorm(retentionDays, &wormId);
+    int code = InitiateWorm(days, &wormId);
     if (code == 0) code = CompleteWorm(wormId);
     if (code != 0) return TString(u"WormFailed");
   }
@@ -92,12 +99,8 @@ int TS3Conn::get_BucketVersioning(TString* status) {
   Send(request, TString(), u"TS3Conn::get_BucketVersioning", &answer);
   if (answer.code != 0) return answer.code;
   platform::XmlElementSpec root;
-  std::string why;
-  if (!platform::ParseXml(answer.body.data(), answer.body.size(), &root, &why) ||
-      root.name != "VersioningConfiguration") {
-    LogLineChecked(514, u"TS3Conn::get_BucketVersioning: not a versioning answer, %E", kErrInvalidData);
-    return kErrInvalidData;
-  }
+  int code = S3ReadResult(answer, "VersioningConfiguration", u"TS3Conn::get_BucketVersioning", TString(), &root);
+  if (code != 0) return code;
   *status = TStringFromUTF8(root.ChildText("Status"));
   return 0;
 }
@@ -141,10 +144,10 @@ int TS3Conn::GetWormDays(uint32_t* days) {
   Send(request, TString(), u"TS3Conn::GetWormDays", &answer);
   if (answer.code != 0) return answer.code;
   platform::XmlElementSpec root;
-  std::string why;
+  int code = S3ReadResult(answer, "WormConfiguration", u"TS3Conn::GetWormDays", TString(), &root);
+  if (code != 0) return code;
   unsigned value = 0;
-  if (!platform::ParseXml(answer.body.data(), answer.body.size(), &root, &why) ||
-      TStringFromUTF8(root.ChildText("RetentionPeriodInDays")).SScanf(u"%u", &value) != 1) {
+  if (TStringFromUTF8(root.ChildText("RetentionPeriodInDays")).SScanf(u"%u", &value) != 1) {
     LogLineChecked(514, u"TS3Conn::GetWormDays: no RetentionPeriodInDays in the answer, %E", kErrInvalidData);
     return kErrInvalidData;
   }

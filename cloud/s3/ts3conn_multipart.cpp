@@ -8,26 +8,6 @@
 
 namespace {
 
-// The root element of a 200 answer, which may still be an error document:
-// a failure inside a success.
-int ReadResult(const S3AnswerSpec& answer, const char* expected, const char16_t* what, const TString& name,
-               platform::XmlElementSpec* root) {
-  std::string why;
-  TString op(what);
-  if (!platform::ParseXml(answer.body.data(), answer.body.size(), root, &why)) {
-    TString text = TStringFromUTF8(why);
-    LogLineChecked(514, u"%s: %s: unreadable answer: %s, %E", &op, &name, &text, kErrInvalidData);
-    return kErrInvalidData;
-  }
-  if (root->name == expected) return 0;
-  S3ErrorSpec error;
-  S3MapError(answer.status, platform::HttpFailure::kNone, answer.body, answer.headers, &error);
-  int code = root->name == "Error" ? error.code : kErrInvalidData;
-  TString got = TStringFromUTF8(root->name), detail = TStringFromUTF8(error.name + " " + error.message);
-  LogLineChecked(514, u"%s: %s: answer %s (%s), %E", &op, &name, &got, &detail, code);
-  return code;
-}
-
 std::string DateText(const TDate& date) {
   TDate utc = date;
   utc.FloatingToAbs();
@@ -45,7 +25,7 @@ int TS3Conn::Initiate(const TString& name, const S3Pairs& headers, const char16_
   Send(request, name, what, &answer);
   if (answer.code != 0) return answer.code;
   platform::XmlElementSpec root;
-  int code = ReadResult(answer, "InitiateMultipartUploadResult", what, name, &root);
+  int code = S3ReadResult(answer, "InitiateMultipartUploadResult", what, name, &root);
   if (code != 0) return code;
   *uploadId = root.ChildText("UploadId");
   if (uploadId->empty()) {
@@ -79,7 +59,7 @@ int TS3Conn::FinishMultiPartUpload(const TString& name, const std::string& uploa
   Send(request, name, u"TS3Conn::FinishMultiPartUpload", &answer);
   if (answer.code != 0) return answer.code;
   platform::XmlElementSpec root;
-  return ReadResult(answer, "CompleteMultipartUploadResult", u"TS3Conn::FinishMultiPartUpload", name, &root);
+  return S3ReadResult(answer, "CompleteMultipartUploadResult", u"TS3Conn::FinishMultiPartUpload", name, &root);
 }
 
 int TS3Conn::AbortMultiPartUpload(const TString& name, const std::string& uploadId) {
@@ -118,7 +98,7 @@ int TS3Conn::CopyObject(const TString& source, const TString& target, uint64_t s
   Send(request, target, u"TS3Conn::CopyObject", &answer);
   if (answer.code != 0) return answer.code;
   platform::XmlElementSpec root;
-  return ReadResult(answer, "CopyObjectResult", u"TS3Conn::CopyObject", target, &root);
+  return S3ReadResult(answer, "CopyObjectResult", u"TS3Conn::CopyObject", target, &root);
 }
 
 int TS3Conn::CopyInParts(const std::string& source, const TString& target, uint64_t size, const S3Pairs& headers) {
@@ -142,7 +122,7 @@ int TS3Conn::CopyInParts(const std::string& source, const TString& target, uint6
     part.headers.emplace_back("x-amz-copy-source-range", TStringAsString(Format(u"bytes=%~lu-%~lu", offset, last)));
     Send(part, target, u"TS3Conn::CopyObject", &answer);
     code = answer.code;
-    if (code == 0) code = ReadResult(answer, "CopyPartResult", u"TS3Conn::CopyObject", target, &root);
+    if (code == 0) code = S3ReadResult(answer, "CopyPartResult", u"TS3Conn::CopyObject", target, &root);
     if (code == 0) parts.push_back(CloudPartSpec{number, root.ChildText("ETag"), last - offset + 1});
   }
   if (code == 0) code = FinishMultiPartUpload(target, uploadId, parts);

@@ -25,7 +25,7 @@ class S3FilesThreaded : public S3Fixture {
 
 TEST_F(S3FilesThreaded, ManyPartsUpAndDownOnSeveralThreads) {
   constexpr size_t kSize = 37 * 1048576 + 12345;  // 8 parts up, 10 ranges down
-  std::vector<uint8_t> data = PeerBytes(kSize, 17);
+  std::vector<uint8_t> data = TestBytes(kSize, 17);
   const std::string want = PeerSha1(data.data(), data.size());
   TCloudBucket bucket(Options(), nullptr, nullptr, 3, 3);
   ASSERT_EQ(bucket.OpenFileForWrite(TString(u"big.bin")), 0);

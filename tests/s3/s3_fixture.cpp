@@ -6,16 +6,6 @@
 
 #include "cloud/s3/s3_encode.h"
 
-std::vector<uint8_t> PeerBytes(size_t size, uint32_t seed) {
-  std::vector<uint8_t> out(size);
-  uint32_t x = seed * 2654435761u + 7;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1664525u + 1013904223u;
-    out[i] = static_cast<uint8_t>(x >> 24);
-  }
-  return out;
-}
-
 std::string PeerSha1(const uint8_t* data, size_t size) {
   unsigned char digest[SHA_DIGEST_LENGTH];
   SHA1(data, size, digest);

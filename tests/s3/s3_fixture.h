@@ -11,10 +11,9 @@
 
 #include "cloud/s3/ts3conn.h"
 #include "tests/s3/s3_peers.h"
+#include "tests/test_bytes.h"
 #include "tests/test_host.h"
 
-// Deterministic bytes.
-std::vector<uint8_t> PeerBytes(size_t size, uint32_t seed);
 // Hex SHA-1, computed apart from the library.
 std::string PeerSha1(const uint8_t* data, size_t size);
 

@@ -75,7 +75,7 @@ TEST_F(S3Interop, TheClientsReadWhatTheLibraryWrote) {
   } cases[] = {{"lib-small", 1000}, {"lib-empty", 0}, {"lib multi part", 12 * 1048576 + 7}};
   TCloudBucket bucket(Options(S3Peers::kHttp, ""), nullptr, nullptr, 2, 2);
   for (const Case& c : cases) {
-    std::vector<uint8_t> data = PeerBytes(c.size, static_cast<uint32_t>(c.size));
+    std::vector<uint8_t> data = TestBytes(c.size, static_cast<uint32_t>(c.size));
     TCloudMetaData meta;
     meta.SetStringValue(eCloudMetaCreated, "2023-04-05T06:07:08.00+0000");
     ASSERT_EQ(bucket.OpenFileForWrite(TStringFromUTF8(c.name), &meta), 0);
@@ -104,7 +104,7 @@ TEST_F(S3Interop, TheLibraryReadsWhatTheClientsWrote) {
   };
   TCloudBucket bucket(Options(S3Peers::kHttp, ""), nullptr, nullptr, 2, 2);
   for (const Case& c : cases) {
-    std::vector<uint8_t> data = PeerBytes(c.size, static_cast<uint32_t>(c.size) + 1);
+    std::vector<uint8_t> data = TestBytes(c.size, static_cast<uint32_t>(c.size) + 1);
     std::string local = Local(c.name, data);
     std::string to = bucketName + "/" + c.name;
     int status = std::string(c.client) == "aws" ? Aws("s3 cp " + local + " s3://" + to)

@@ -20,7 +20,7 @@ TEST_F(S3Objects, KeysOfEveryKindRoundTrip) {
   const char* names[] = {"plain", "with space", "plus+sign", "per%cent", "eq=ual", "tilde~x", "caf\xC3\xA9",
                          "\xE6\x97\xA5\xE6\x9C\xAC", "dir/sub/file", "amp&x", "quote'x", "folder/", "a-b.c_d"};
   for (const char* name : names) {
-    std::vector<uint8_t> data = PeerBytes(100 + std::strlen(name), static_cast<uint32_t>(std::strlen(name)));
+    std::vector<uint8_t> data = TestBytes(100 + std::strlen(name), static_cast<uint32_t>(std::strlen(name)));
     ASSERT_EQ(Put(conn.get(), name, data), 0) << name;
     TCloudMetaData meta;
     ASSERT_EQ(conn->ObjectExists(TStringFromUTF8(name), &meta, false), 0) << name;
@@ -48,7 +48,7 @@ TEST_F(S3Objects, KeysOfEveryKindRoundTrip) {
 }
 
 TEST_F(S3Objects, RangesAtBothEndsAndEmptyObjects) {
-  const std::vector<uint8_t> data = PeerBytes(100000, 3);
+  const std::vector<uint8_t> data = TestBytes(100000, 3);
   ASSERT_EQ(Put(conn.get(), "obj", data), 0);
   struct Case {
     uint64_t offset;
@@ -92,7 +92,7 @@ TEST_F(S3Objects, LibraryDatesTravelAsSignedMetadataAndComeBack) {
   meta.SetDateValue(eCloudMetaCreated, &created);
   meta.SetDateValue(eCloudMetaModified, &modified);
   meta.SetStringValue(eCloudMetaReplicated, "2099-01-01T00:00:00.00+0000");
-  ASSERT_EQ(Put(conn.get(), "dated", PeerBytes(10, 1), &meta), 0);
+  ASSERT_EQ(Put(conn.get(), "dated", TestBytes(10, 1), &meta), 0);
   // The three keys were signed (the server checked the signature over them).
   bool signedAll = false;
   for (const LoggedLine& line : host.Lines()) {
@@ -119,7 +119,7 @@ TEST_F(S3Objects, LibraryDatesTravelAsSignedMetadataAndComeBack) {
   EXPECT_EQ(copied.GetValue(eCloudMetaReplicated), "2030-02-03T04:05:06.00+0000");
   std::vector<uint8_t> bytes;
   ASSERT_EQ(Get(conn.get(), "copy", 0, 10, &bytes), 0);
-  EXPECT_TRUE(bytes == PeerBytes(10, 1));
+  EXPECT_TRUE(bytes == TestBytes(10, 1));
   EXPECT_EQ(conn->CopyObject(TString(u"missing"), TString(u"x"), 1, 0, 0, nullptr, nullptr), kErrNotFound);
 }
 
