@@ -225,4 +225,30 @@ TEST(CloudReadFileThreaded, ReadToTMemoryTakesAWholeObjectOrARange) {
   EXPECT_EQ(rig.bucket->ReadToTMemory(TString(u"obj"), nullptr), kErrBadParameter);
 }
 
+TEST(CloudReadFileThreaded, AListedObjectIsReadWithoutAskingAgainAndOnlyAsListed) {
+  TestHost host;
+  Rig rig(5 * kPart + 7, 3);
+  auto listed = [&](uint64_t size) {
+    return TCloudObject(TString(u"obj"), eObjectFile, TString(), TStringFromUTF8(rig.service->ETagOf("obj")), size,
+                        TDate(), TDate(), TDate(), TDate());
+  };
+  TCloudObject before = listed(rig.data.size());
+  TMemory memory;
+  ASSERT_EQ(rig.bucket->ReadToTMemory(before, &memory), 0);
+  ASSERT_EQ(memory.GetSize(), rig.data.size());
+  EXPECT_EQ(std::memcmp(memory.MemPtr(), rig.data.data(), rig.data.size()), 0);
+  EXPECT_EQ(rig.service->Count(RecOp::kExists), 0);
+  EXPECT_EQ(rig.service->Count(RecOp::kDownload), 6);
+
+  // Rewritten since the listing: refused, not mixed.
+  rig.service->PutObject("obj", TestBytes(rig.data.size(), 99));
+  EXPECT_EQ(rig.bucket->ReadToTMemory(before, &memory), kErrBadParameter);
+  EXPECT_EQ(memory.GetSize(), 0u);
+  EXPECT_EQ(rig.bucket->ReadToTMemory(listed(0), &memory), 0);
+  EXPECT_EQ(memory.GetSize(), 0u);
+  TCloudObject folder(TString(u"d/"), eObjectFolder, TString());
+  EXPECT_EQ(rig.bucket->ReadToTMemory(folder, &memory), kErrBadParameter);
+  EXPECT_EQ(rig.bucket->ReadToTMemory(before, nullptr), kErrBadParameter);
+}
+
 }  // namespace

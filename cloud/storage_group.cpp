@@ -12,7 +12,12 @@ constexpr char kSection[] = "CloudStorageGroup";
 
 bool HoldsLineEnd(const TString& text) { return text.FindSet(TString(u"\r\n")) >= 0; }
 
-std::string Quoted(const TString& text) { return "\"" + TStringAsString(text) + "\""; }
+std::string Quoted(const TString& text) {
+  std::string out(1, '"');
+  out += TStringAsString(text);
+  out += '"';
+  return out;
+}
 
 // Decimal or 0x hexadecimal, 32 bits.
 bool ParseWord(const std::string& text, uint32_t* out) {

@@ -251,12 +251,28 @@ int TCloudBucket::ReadToTMemory(const TString& name, TMemory* out, uint64_t offs
     return kErrEndOfFile;
   }
   if (length == UINT64_MAX) length = size - offset;
+  return ReadKnownToTMemory(spec, name, offset, length, etag, out);
+}
+
+int TCloudBucket::ReadToTMemory(const TCloudObject& listed, TMemory* out) {
+  const TString& name = listed.GetName();
+  if (out == nullptr || listed.IsFolder()) {
+    LogLineChecked(514, u"TCloudBucket::ReadToTMemory: %s is no object to read, %E", &name, kErrBadParameter);
+    return kErrBadParameter;
+  }
+  if (getCloudConn() == nullptr) return NoConnector(u"ReadToTMemory");
+  return ReadKnownToTMemory(FileSpec(m_downloadAttempt), name, 0, listed.GetSize(),
+                            TStringAsString(listed.GetETag()), out);
+}
+
+int TCloudBucket::ReadKnownToTMemory(const CloudFileSpec& spec, const TString& name, uint64_t offset,
+                                     uint64_t length, const std::string& etag, TMemory* out) {
   if (length > UINT32_MAX) {
     LogLineChecked(514, u"TCloudBucket::ReadToTMemory: %~lu bytes of %s do not fit a block, %E", length, &name,
                    kErrFileTooLarge);
     return kErrFileTooLarge;
   }
-  code = out->AllocBuffer(length);
+  int code = out->AllocBuffer(length);
   if (code != 0) return code;
   if (length == 0) return 0;
   TMemoryPin pin(*out);

@@ -127,6 +127,11 @@ class PLINTH_API TCloudBucket : public TCloudOptions {
   // The object, or `length` bytes of it from `offset` (UINT64_MAX: to its
   // end), into `out`. kErrFileTooLarge beyond what a block holds.
   int ReadToTMemory(const TString& name, TMemory* out, uint64_t offset = 0, uint64_t length = UINT64_MAX);
+  // A whole object as a listing described it: the size and entity tag it
+  // gave stand in for asking the service again, and the read fails if the
+  // object has changed since (one request for an object of one part; an
+  // empty one is not asked for).
+  int ReadToTMemory(const TCloudObject& listed, TMemory* out);
 
   unsigned GetUploadAttempt() const { return m_uploadAttempt; }
   unsigned GetDownloadAttempt() const { return m_downloadAttempt; }
@@ -147,6 +152,8 @@ class PLINTH_API TCloudBucket : public TCloudOptions {
   TCloudConn* getCloudConn();
   CloudRetrySpec RetrySpec(unsigned attempts) const;
   CloudFileSpec FileSpec(unsigned attempts) const;
+  int ReadKnownToTMemory(const CloudFileSpec& spec, const TString& name, uint64_t offset, uint64_t length,
+                         const std::string& etag, TMemory* out);
 
   std::shared_ptr<TCloudConn> m_conn;
   std::shared_ptr<TCloudWriteFile> m_writeFile;

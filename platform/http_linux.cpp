@@ -195,6 +195,9 @@ void HttpSession::Perform(const HttpRequestSpec& request, HttpObserver* observer
   const HttpSettingsSpec& settings = m_state->settings;
   char error[CURL_ERROR_SIZE] = {};
   curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
+  // The path was signed as it stands: "/./" and "/../" inside a key are
+  // names, not steps to squash.
+  curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);

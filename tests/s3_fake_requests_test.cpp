@@ -210,6 +210,9 @@ TEST_F(S3FakeRequests, KeysAreEncodedAlikeOnTheWireAndInTheSignature) {
       {"folder/", "/bkt/root%20dir/folder/"},
       {"d/e f/g", "/bkt/root%20dir/d/e%20f/g"},
       {"a&b'c*d:e", "/bkt/root%20dir/a%26b%27c%2Ad%3Ae"},
+      // Dot segments are part of the key, never squashed on the way.
+      {"x/../y", "/bkt/root%20dir/x/../y"},
+      {"./z/.", "/bkt/root%20dir/./z/."},
   };
   for (const auto& key : keys) {
     EXPECT_EQ(conn->ObjectExists(TStringFromUTF8(key.name), nullptr, false), 0) << key.name;

@@ -73,7 +73,10 @@ class TGetTarget {
     }
     fs::path target(m_path);
     fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    std::string pattern = (dir / ("." + target.filename().string() + ".plinth-XXXXXX")).string();
+    std::string hidden(1, '.');
+    hidden += target.filename().string();
+    hidden += ".plinth-XXXXXX";
+    std::string pattern = (dir / hidden).string();
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     m_fd = ::mkstemp(name.data());

@@ -138,12 +138,12 @@ int S3GetTree(const S3ArgsSpec& a) {
   // Keys below the prefix become paths below the folder; a key that would
   // climb out of it ("..", an absolute path) is refused, not followed.
   std::vector<std::string> keys;
-  std::vector<uint64_t> sizes;
+  std::vector<const TCloudObject*> listed;
   for (const TCloudObject& o : objects) {
     std::string key = TStringAsString(o.GetName());
     if (key.empty() || key.back() == '/') continue;
     keys.push_back(key);
-    sizes.push_back(o.GetSize());
+    listed.push_back(&o);
   }
   uint32_t threads = static_cast<uint32_t>(ReadCloudSetting(u"CloudDownloadThreads", 1, 16, 8));
   int failed = OnWorkers(account, from.bucket, keys.size(), threads, [&](TCloudBucket* bucket, size_t i) {
@@ -160,10 +160,11 @@ int S3GetTree(const S3ArgsSpec& a) {
     if (!out) return Refused(a, "write", target.string(), kErrOpenFailed);
     TString name = TStringFromUTF8(keys[i]);
     int rc = 0;
-    if (sizes[i] <= kWholeObject) {
-      // One request on the worker's own connection.
+    if (listed[i]->GetSize() <= kWholeObject) {
+      // As listed: one request on the worker's own connection for a small
+      // object, and refused if it changed since the listing.
       TMemory memory;
-      rc = bucket->ReadToTMemory(name, &memory);
+      rc = bucket->ReadToTMemory(*listed[i], &memory);
       if (rc == 0 && memory.GetSize() > 0) out.write(static_cast<const char*>(memory.MemPtr()), memory.GetSize());
     } else {
       std::vector<char> buffer(1 << 20);

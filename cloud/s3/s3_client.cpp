@@ -120,7 +120,10 @@ S3EndpointSpec S3Endpoint(const TCloudOptions& options) {
     out.pathBase.clear();
   } else {
     out.host = host;
-    out.pathBase = "/" + S3UriEncode(bucket, false);
+    std::string encoded = S3UriEncode(bucket, false);
+    out.pathBase.reserve(encoded.size() + 1);
+    out.pathBase.push_back('/');
+    out.pathBase.append(encoded);
   }
   // The default port goes unnamed in "Host", as clients send it.
   bool hasPort = !host.empty() && host.front() == '[' ? host.find("]:") != std::string::npos

@@ -73,7 +73,10 @@ int TS3Conn::AbortMultiPartUpload(const TString& name, const std::string& upload
 
 int TS3Conn::CopyObject(const TString& source, const TString& target, uint64_t size, uint64_t createdFileTime,
                         uint64_t modifiedFileTime, const TDate* replicated, const TDate* retainUntil) {
-  std::string from = "/" + TStringAsString(m_options.GetBucket()) + "/" + Key(source);
+  std::string from(1, '/');
+  from += TStringAsString(m_options.GetBucket());
+  from += '/';
+  from += Key(source);
   S3Pairs headers;
   TCloudMetaData meta;
   if (createdFileTime != 0) meta.SetDateValue(eCloudMetaCreated, &createdFileTime);

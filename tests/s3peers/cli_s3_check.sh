@@ -3,9 +3,9 @@
 # started: plinth s3 (mb, ls, stat, put, get, cp, rm) over plain HTTP and
 # over HTTPS trusting the throwaway CA, multipart uploads, standard input
 # and output, refusals (wrong secret, untrusted or misnamed certificates,
-# missing objects, usage errors), and pack --to / unpack --from / verify
-# of a generated tree through a bucket, with an interrupted pack that must
-# leave no object.
+# missing objects, usage errors), folders both ways (put -r, get -r), and
+# pack --to / unpack --from / verify of a generated tree through a bucket,
+# with an interrupted pack that must leave no object.
 # Usage: cli_s3_check.sh PLINTH OUTDIR. Exits 0 only when every check held.
 set -uo pipefail
 
@@ -293,8 +293,32 @@ section_pack() {
   refused "the interrupted put left no object" 1 "no such object" "$H" s3 stat "s3://$b/cut.bin"
 }
 
+section_tree() {
+  local b=cli-$$-t
+  echo "== folders through a bucket ($H), bucket $b"
+  check "mb" "$H" s3 mb "s3://$b"
+  check "put -r of a folder" "$H" s3 put -r "$tree" "s3://$b/up"
+  check "ls -r of what went up" "$H" s3 ls -r "s3://$b/up/"
+  holds "put -r kept the nesting" " 3145733  up/a/b/three-chunks$"
+  holds "put -r stored the empty file" " 0  up/c/empty$"
+  check "get -r into a new folder" "$H" s3 get -r "s3://$b/up/" "$w.got"
+  if diff -r -x empty-dir "$tree" "$w.got" >"$w.err" 2>&1; then ok "diff -r after get -r"; else bad "diff -r"; fi
+  # One request an object: the listing's size and tag stand in for a HEAD.
+  : >"$w.err"
+  if grep -qE "^[0-9.]+ HEAD /$b/" "$S3_LOG_HTTP"; then bad "get -r asked HEAD"; else ok "get -r asked no HEAD"; fi
+  check "get -r of a deeper prefix" "$H" s3 get -r "s3://$b/up/a/b/" "$w.deep"
+  if [ "$(cd "$w.deep" && find . -type f)" = "./three-chunks" ]; then
+    ok "get -r of a prefix takes only what is under it"
+  else
+    bad "get -r of a prefix"
+  fi
+  refused "put -r of a file" 2 "is not a folder" "$H" s3 put -r "$tmp/small" "s3://$b/x/"
+  refused "get -r into a file" 2 "is not a folder" "$H" s3 get -r "s3://$b/up/" "$tmp/small"
+  refused "get -r from a missing bucket" 1 "no such bucket" "$H" s3 get -r "s3://$b-none/" "$w.none"
+}
+
 start=$SECONDS
-sections=(http refused https pack)
+sections=(http refused https pack tree)
 for sec in "${sections[@]}"; do
   (w="$tmp/$sec" && "section_$sec" && echo "done $sec") >"$tmp/$sec.report" 2>&1 &
 done
