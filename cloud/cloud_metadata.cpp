@@ -107,11 +107,14 @@ void TCloudMetaData::SetStringValue(eCloudMetaKey key, const std::string& value)
   m_headers[m_keys[key]] = value;
 }
 
-void TCloudMetaData::SetDate(eCloudMetaKey key, const TDate& date) {
-  TDate absolute(date);
-  absolute.FloatingToAbs();
-  SetStringValue(key, TStringAsString(absolute.ToISOString()));
+std::string CloudGmtText(const TDate& date) {
+  TDate gmt(date);
+  gmt.FloatingToAbs();
+  if (!gmt.IsDefault()) gmt.SetGMTOffset(0);
+  return TStringAsString(gmt.ToISOString());
 }
+
+void TCloudMetaData::SetDate(eCloudMetaKey key, const TDate& date) { SetStringValue(key, CloudGmtText(date)); }
 
 void TCloudMetaData::SetDateValue(eCloudMetaKey key, const uint64_t* fileTime) {
   TDate date;

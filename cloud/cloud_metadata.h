@@ -107,4 +107,8 @@ class PLINTH_API TCloudMetaData {
 // included, and for a host that begins with such a domain.
 PLINTH_API bool CanUseCloudMetaData(const TString& host);
 
+// The ISO text of `date` moved to GMT, as the metadata stores dates: a date
+// whose offset is unknown is taken as GMT already, and written "+0000".
+std::string CloudGmtText(const TDate& date);
+
 #endif  // PLINTH_CLOUD_CLOUD_METADATA_H_

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "cloud/cloud_metadata.h"
 #include "foundation/errors.h"
 #include "foundation/format_checked.h"
 #include "storage/inifile.h"
@@ -55,9 +56,7 @@ int FormatCloudStorageGroup(const CloudStorageGroupSpec& group, std::string* tex
   ini.Set(kSection, "Bucket", Quoted(group.bucket));
   ini.Set(kSection, "Path", Quoted(group.path));
   ini.Set(kSection, "Flags", flags);
-  TDate created = group.created;
-  created.FloatingToAbs();
-  ini.Set(kSection, "Created", TStringAsString(created.ToISOString()));
+  ini.Set(kSection, "Created", CloudGmtText(group.created));
   *text = ini.Serialize();
   return 0;
 }

@@ -117,7 +117,7 @@ class DictCore {
   int IndSlot(int i) const;
   const Slot& At(int slot) const { return m_slots[slot]; }
 
-  int Count() const { return m_used - m_deleted; }
+  int Count() const { return m_used - m_deleted + m_dropped; }
   int Size() const { return m_size; }
   int Ordered() const { return m_ordered; }
   Value Key0() const { return m_key0; }
@@ -179,6 +179,9 @@ class DictCore {
   int32_t m_shift = 16;
   int32_t m_used = 0;
   int32_t m_deleted = 0;
+  // Tombstones dropped by ordered insertions since the table was built:
+  // counted in m_deleted but no longer in the table.
+  int32_t m_dropped = 0;
   int32_t m_low = 0;
   int32_t m_high = 0;
   int32_t m_deletedLimit = 0;

@@ -22,6 +22,8 @@ class DictCorePeer {
   static int32_t& Deleted(Dict& dict) { return dict.m_table.m_deleted; }
   template <typename Dict>
   static int32_t& High(Dict& dict) { return dict.m_table.m_high; }
+  template <typename Dict>
+  static int32_t& Dropped(Dict& dict) { return dict.m_table.m_dropped; }
 };
 
 }  // namespace dict_internal

@@ -291,6 +291,64 @@ void CheckKeyZeroTombstonesAndShrinks() {
   EXPECT_EQ(same.GetCount(), 101);
 }
 
+// An ordered insertion that displaces a tombstone drops it and leaves the
+// counters as they are: the deleted count still holds it, and that count
+// (not the table) brings the rebuild. The live count and the checks stay
+// true: no assertion however the table is emptied afterwards.
+template <typename Dict>
+void CheckDroppedTombstones() {
+  using UKey = typename Kind<Dict>::UKey;
+  TestHost host;
+  Dict dict(0, 1);
+  ASSERT_EQ(dict.GetTableSize(), 127);
+  // Pairs (a, b), a below b, with one home slot: b meets a's tombstone first.
+  std::vector<std::pair<int64_t, int64_t>> pairs;
+  for (int64_t a = 1; a < 5000 && pairs.size() < 20; ++a) {
+    for (int64_t b = a + 1; b < a + 5000; ++b) {
+      if (dict_test::SlowHome(a, 127, Kind<Dict>::kWidth) == dict_test::SlowHome(b, 127, Kind<Dict>::kWidth) &&
+          static_cast<UKey>(a) < static_cast<UKey>(b)) {
+        pairs.emplace_back(a, b);
+        break;
+      }
+    }
+  }
+  ASSERT_EQ(pairs.size(), 20u);
+  const auto [a, b] = pairs[0];
+  dict.Define(a, 1);
+  dict.Undefine(a);
+  dict.Define(b, 2);
+  EXPECT_EQ(Peer::Used(dict), 1);
+  EXPECT_EQ(Peer::Deleted(dict), 1);
+  EXPECT_EQ(dict.GetCount(), 1);
+  EXPECT_EQ(dict.Lookup(a), 0);
+  EXPECT_EQ(dict.Lookup(b), 2);
+  dict.Undefine(b);
+  EXPECT_EQ(Peer::Deleted(dict), 2);
+  EXPECT_EQ(dict.GetCount(), 0);
+  // Churn over many such pairs until the deleted count reaches its limit
+  // and rebuilds; the count the dictionary reports stays the real one.
+  std::map<int64_t, int64_t> model;
+  std::mt19937 rng(5);
+  for (int round = 0; round < 4000; ++round) {
+    const auto& [x, y] = pairs[rng() % pairs.size()];
+    int64_t key = rng() % 2 ? x : y;
+    if (rng() % 2) {
+      dict.Define(key, round + 1);
+      model[key] = round + 1;
+    } else {
+      dict.Undefine(key);
+      model.erase(key);
+    }
+    ASSERT_EQ(dict.GetCount(), static_cast<int>(model.size())) << round;
+    ASSERT_GE(Peer::Deleted(dict) - Peer::Dropped(dict), 0);
+  }
+  for (const auto& [key, value] : model) EXPECT_EQ(dict.Lookup(key), value);
+  EXPECT_TRUE(host.LinesWithFormat("ASSERT: %s, line %~d").empty());
+}
+
+TEST(TDictTest, DisplacedTombstonesAreDroppedAndCountersStay) { CheckDroppedTombstones<TDict>(); }
+TEST(TDict64Test, DisplacedTombstonesAreDroppedAndCountersStay) { CheckDroppedTombstones<TDict64>(); }
+
 TEST(TDictTest, KeyZeroTombstonesAndShrinks) { CheckKeyZeroTombstonesAndShrinks<TDict>(); }
 TEST(TDict64Test, KeyZeroTombstonesAndShrinks) { CheckKeyZeroTombstonesAndShrinks<TDict64>(); }
 

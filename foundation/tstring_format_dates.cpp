@@ -70,7 +70,8 @@ void DateRaw(const TDate& d, OutBuffer* raw) {
   raw->Put(u'.');
   PutPadded(raw, d.GetMillisecond(), 3);
   raw->Put(u'Z');
-  int offset = d.GetGMTOffset() == TDate::kUnknownGMTOffset ? 0 : d.GetGMTOffset();
+  // An unknown offset (-1) is written as it stands: "-00:01".
+  int offset = d.GetGMTOffset();
   raw->Put(offset < 0 ? u'-' : u'+');
   if (offset < 0) offset = -offset;
   PutPadded(raw, offset / 60, 2);

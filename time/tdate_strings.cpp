@@ -221,7 +221,8 @@ bool ParseRFC(const char16_t* text, int length, Parsed* v) {
 void TDate::ToISOString(TString* out) const {
   Fields f = FieldsOf(*this);
   int offset = 0;
-  if (!IsDefault() && (m_flags & kFlagZeroOffsetInISO) == 0 && m_gmtOffset != kUnknownGMTOffset) {
+  // An unknown offset (-1) is written as it stands: "-0001".
+  if (!IsDefault() && (m_flags & kFlagZeroOffsetInISO) == 0) {
     offset = m_gmtOffset;
   }
   char16_t text[kTextUnits];

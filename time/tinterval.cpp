@@ -136,15 +136,8 @@ TString TInterval::ToISOString() const {
   *p++ = u'H';
   p = date_text::PutSigned(p, m_minutes);
   *p++ = u'M';
-  if (m_milliseconds == 0) {
-    p = date_text::PutSigned(p, m_seconds);
-  } else {
-    // The parts share one sign, so "-0.250" needs the sign written apart.
-    if (m_seconds < 0 || m_milliseconds < 0) *p++ = u'-';
-    p = date_text::PutDecimal(p, static_cast<uint32_t>(m_seconds < 0 ? -m_seconds : m_seconds), 1);
-    *p++ = u'.';
-    p = date_text::PutDecimal(p, static_cast<uint32_t>(m_milliseconds < 0 ? -m_milliseconds : m_milliseconds), 3);
-  }
+  // Whole seconds, as the format has it: the milliseconds are not written.
+  p = date_text::PutSigned(p, m_seconds);
   *p++ = u'S';
   return TString(text, static_cast<int>(p - text));
 }

@@ -6,16 +6,6 @@
 #include "foundation/format_checked.h"
 #include "platform/xml.h"
 
-namespace {
-
-std::string DateText(const TDate& date) {
-  TDate utc = date;
-  utc.FloatingToAbs();
-  return TStringAsString(utc.ToISOString());
-}
-
-}  // namespace
-
 int TS3Conn::Initiate(const TString& name, const S3Pairs& headers, const char16_t* what, std::string* uploadId) {
   S3RequestSpec request;
   request.method = "POST";
@@ -82,7 +72,7 @@ int TS3Conn::CopyObject(const TString& source, const TString& target, uint64_t s
   if (createdFileTime != 0) meta.SetDateValue(eCloudMetaCreated, &createdFileTime);
   if (modifiedFileTime != 0) meta.SetDateValue(eCloudMetaModified, &modifiedFileTime);
   if (replicated != nullptr && !replicated->IsDefault()) {
-    meta.SetStringValue(eCloudMetaReplicated, DateText(*replicated));
+    meta.SetStringValue(eCloudMetaReplicated, CloudGmtText(*replicated));
   }
   S3MetaHeaders(&meta, &headers);
   headers.emplace_back("x-amz-metadata-directive", "REPLACE");
