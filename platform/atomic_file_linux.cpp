@@ -47,6 +47,24 @@ std::string FolderOf(const std::string& path) {
   return path.substr(0, slash);
 }
 
+// The file a path names once its symbolic links are followed (a link to a
+// file not there yet names that file), so that a replacement goes to the
+// target and leaves the links in place; false when the chain does not end.
+bool FollowLinks(std::string* path) {
+  constexpr int kMaxHops = 40;  // as the kernel allows
+  for (int hop = 0; hop < kMaxHops; ++hop) {
+    struct stat st;
+    if (::lstat(path->c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return true;
+    std::string target(static_cast<size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
+    ssize_t n = ::readlink(path->c_str(), target.data(), target.size());
+    if (n < 0 || static_cast<size_t>(n) >= target.size()) return false;
+    target.resize(static_cast<size_t>(n));
+    *path = target.front() == '/' ? target : FolderOf(*path) + "/" + target;
+  }
+  errno = ELOOP;
+  return false;
+}
+
 int WriteAll(int fd, const std::string& data) {
   size_t done = 0;
   while (done < data.size()) {
@@ -119,10 +137,16 @@ int ReadWholeFile(const TString& path, size_t maxBytes, std::string* out) {
 
 int WriteFileAtomic(const TString& path, const std::string& data) {
   std::string name = TStringAsString(path);
+  if (!FollowLinks(&name)) {
+    int code = MapErrno(errno == 0 ? ELOOP : errno, &path);
+    LogLine(514, u"WriteFileAtomic: cannot follow the links of %s, %E", &path, code);
+    return code;
+  }
   std::string folder = FolderOf(name);
   mode_t mode = NewFileMode();
   struct stat st;
-  if (::stat(name.c_str(), &st) == 0) mode = st.st_mode & 07777;
+  bool existed = ::stat(name.c_str(), &st) == 0;
+  if (existed) mode = st.st_mode & 07777;
 
   std::string fresh = name + ".tmpXXXXXX";
   int fd = ::mkostemp(fresh.data(), O_CLOEXEC);
@@ -134,6 +158,9 @@ int WriteFileAtomic(const TString& path, const std::string& data) {
   FdCloser closer(fd);
   TString freshPath = TStringFromUTF8(fresh);
   int err = WriteAll(fd, data);
+  // The owner stays where we may keep it (only a privileged writer can give
+  // a file away); the mode always does.
+  if (err == 0 && existed && ::fchown(fd, st.st_uid, st.st_gid) != 0 && errno != EPERM) err = errno;
   if (err == 0 && ::fchmod(fd, mode) != 0) err = errno;
   if (err == 0 && ::fsync(fd) != 0) err = errno;
   if (err != 0) {

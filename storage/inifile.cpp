@@ -327,6 +327,15 @@ int UWritePrivateProfileString(const TString* section, const TString* key, const
     LogLine(517, u"UWritePrivateProfileString: %s would grow too large, %E", path, kErrFileTooLarge);
     return kErrFileTooLarge;
   }
+  // What is written must read back under the same rules (a line over the
+  // limit would leave a file every later read refuses): else nothing is
+  // written.
+  TIniText reread;
+  if (reread.Parse(out.data(), out.size()) != 0) {
+    LogLine(517, u"UWritePrivateProfileString: a line for %s would be longer than a file may hold, %E", path,
+            kErrBadParameter);
+    return kErrBadParameter;
+  }
   code = platform::WriteFileAtomic(*path, out);
   if (code != 0) LogLine(517, u"UWritePrivateProfileString: cannot write %s, %E", path, code);
   return code;

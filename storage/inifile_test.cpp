@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <fstream>
@@ -225,7 +226,7 @@ TEST(IniFile, InterruptedWriteKeepsOriginal) {
   EXPECT_EQ("new", Get(path, "a", "k"));
 }
 
-TEST(IniFile, ReplacementKeepsPermissions) {
+TEST(IniFile, ReplacementKeepsPermissionsLinksAndWhatCannotReadBack) {
   TempDir dir;
   std::string path = dir.WriteFile("mode.ini", "[a]\nk=1\n");
   ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
@@ -233,6 +234,38 @@ TEST(IniFile, ReplacementKeepsPermissions) {
   struct stat st;
   ASSERT_EQ(0, ::stat(path.c_str(), &st));
   EXPECT_EQ(0640u, st.st_mode & 07777);
+  // Through a chain of two links (one relative) to the file: the links stay.
+  std::string link1 = dir.path() + "/link1.ini", link2 = dir.path() + "/sub/link2.ini";
+  ASSERT_EQ(0, ::mkdir((dir.path() + "/sub").c_str(), 0755));
+  ASSERT_EQ(0, ::symlink("mode.ini", link1.c_str()));
+  ASSERT_EQ(0, ::symlink(link1.c_str(), link2.c_str()));
+  ASSERT_EQ(0, Set(link2, "a", "k", "3"));
+  ASSERT_EQ(0, ::lstat(link1.c_str(), &st));
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  ASSERT_EQ(0, ::lstat(link2.c_str(), &st));
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ("3", Get(path, "a", "k"));
+  ASSERT_EQ(0, ::stat(path.c_str(), &st));
+  EXPECT_EQ(0640u, st.st_mode & 07777);
+  // A link to a file not there yet makes the file, not a new plain file in
+  // the link's place.
+  std::string dangling = dir.path() + "/dangling.ini";
+  ASSERT_EQ(0, ::symlink("later.ini", dangling.c_str()));
+  ASSERT_EQ(0, Set(dangling, "a", "k", "4"));
+  ASSERT_EQ(0, ::lstat(dangling.c_str(), &st));
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ("4", Get(dir.path() + "/later.ini", "a", "k"));
+  // A value whose line would pass the line limit is refused and nothing
+  // changes; one just within it is written and reads back.
+  TestHost host;
+  std::string before = ReadAll(path);
+  EXPECT_EQ(kErrBadParameter, Set(path, "a", "k", std::string(kIniMaxLineBytes, 'v')));
+  EXPECT_EQ(before, ReadAll(path));
+  EXPECT_EQ(1u, host.LinesWithFormat("UWritePrivateProfileString: a line for %s would be longer than a file may "
+                                     "hold, %E").size());
+  std::string longest(kIniMaxLineBytes - 2, 'w');  // "k=" and the value
+  ASSERT_EQ(0, Set(path, "a", "k", longest));
+  EXPECT_EQ(longest, Get(path, "a", "k"));
 }
 
 // Hostile files answer a code and one log line, and are never rewritten.

@@ -62,6 +62,16 @@ want=$(sha1sum "$tmp/data.bin" | cut -d' ' -f1)
 expect_exit 1 "hash of a missing file" "$plinth" hash "$tmp/missing"
 expect_exit 2 "hash without a file" "$plinth" hash --sha1
 expect_exit 2 "hash with an unknown option" "$plinth" hash --sha256 "$tmp/empty"
+# Streams read to their end: standard input, a fifo, a /proc file (size 0).
+want=$(md5sum <"$tmp/data.bin" | cut -d' ' -f1)
+[ "$("$plinth" hash - <"$tmp/data.bin")" = "$want  -" ] || fail "hash of standard input"
+mkfifo "$tmp/fifo"
+cat "$tmp/data.bin" >"$tmp/fifo" &
+[ "$("$plinth" hash "$tmp/fifo" | cut -d' ' -f1)" = "$want" ] || fail "hash of a fifo"
+wait
+[ "$("$plinth" hash /proc/version | cut -d' ' -f1)" = "$(md5sum </proc/version | cut -d' ' -f1)" ] ||
+  fail "hash of a /proc file"
+expect_exit 1 "hash of a folder" "$plinth" hash "$tmp"
 expect_exit 0 "hash --help" "$plinth" hash --help
 # plinth ini and device: a set reads back, other lines stay, refusals and usage.
 ini="$tmp/keys.ini"
@@ -119,7 +129,19 @@ for line in "writer version: +0x0111" "generation: +current" "byte order: +littl
             "address step: +4" "data start: +512" "encryption marker: +0$" "types: +1$" "chunks: +2$"; do
   grep -qE "^$line" <<<"$out" || fail "container info lacks '$line': '$out'"
 done
-"$plinth" container verify "$box" | grep -q ": ok$" || fail "container verify of a saved file"
+"$plinth" container verify "$box" | grep -q ": ok: 2 chunks$" || fail "container verify of a saved file"
+# One flipped byte inside DATA 2's data: the map is sound, the chunk is not.
+cp "$box" "$tmp/flipped.plc"
+at=$("$plinth" container ls "$box" | awk '$1 == "DATA" && $3 == 2 {print $4}')
+printf '\377' | dd of="$tmp/flipped.plc" bs=1 seek=$((at + 64 + 1000)) conv=notrunc status=none
+cmp -s "$box" "$tmp/flipped.plc" && fail "the byte flip changed nothing"
+expect_exit 1 "container verify of a flipped data byte" "$plinth" container verify "$tmp/flipped.plc"
+"$plinth" container verify "$tmp/flipped.plc" 2>&1 >/dev/null | grep -q "DATA 0x44415441 id 2 is damaged" ||
+  fail "container verify does not name the damaged chunk"
+(cd "$tmp" && "$plinth" container get --help | grep -q "^usage: plinth container") ||
+  fail "container get --help shows no usage"
+[ -e "$tmp/--help" ] && fail "container get --help touched a file named --help"
+expect_exit 2 "container verify with an unknown option" "$plinth" container verify --bogus "$box"
 "$plinth" container compact "$box" "$tmp/small.plc" >/dev/null || fail "container compact"
 "$plinth" container verify "$tmp/small.plc" >/dev/null || fail "container verify of the compacted file"
 [ "$(stat -c %s "$tmp/small.plc")" -le "$(stat -c %s "$box")" ] || fail "container compact made the file larger"
@@ -196,6 +218,18 @@ expect_exit 2 "pack without a file" "$plinth" pack "$src"
 expect_exit 2 "unpack without a folder" "$plinth" unpack "$pk"
 expect_exit 2 "verify with two files" "$plinth" verify "$pk" "$pk"
 for c in pack unpack verify; do expect_exit 0 "$c --help" "$plinth" $c --help; done
+# Help at every level, wherever --help or -h stands: usage on standard
+# output, exit 0, and no file of that name made or read.
+for args in "ini get" "ini set" "ini get f s" "container ls" "container get f" "container put f DATA 1" \
+            "container verify" "container compact f" "container recover" "error" "env" "device" "hash" \
+            "cloud uri" "pack" "unpack" "verify"; do
+  for h in --help -h; do
+    # shellcheck disable=SC2086 # the words are the command
+    out=$(cd "$tmp" && "$plinth" $args $h 2>/dev/null) || fail "$args $h: exit $?"
+    grep -q "^usage: plinth ${args%% *}" <<<"$out" || fail "$args $h prints no usage"
+  done
+done
+[ -e "$tmp/--help" ] || [ -e "$tmp/-h" ] && fail "a --help made a file"
 # A flipped byte inside a stored data chunk: the container's checksum catches it.
 # The last chunk of a/big.bin is the one data chunk of 524288 bytes.
 read -r id addr < <("$plinth" container ls "$pk" | awk '$1 == "PkDa" && $6 == 524288 { print $3, $4 }')

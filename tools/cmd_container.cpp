@@ -27,14 +27,15 @@ const char kUsage[] =
     "       plinth container put FILE TYPE ID SRC    store file SRC as a chunk (added or replaced;\n"
     "                                                FILE is made when missing) and save\n"
     "       plinth container rm FILE TYPE ID         remove a chunk and save\n"
-    "       plinth container verify FILE             check the map\n"
+    "       plinth container verify FILE             check the map and every chunk's checksum\n"
     "       plinth container compact FILE NEWFILE    write the chunks compactly into NEWFILE\n"
     "       plinth container recover FILE NEWFILE    rebuild a damaged or unsaved FILE into NEWFILE\n"
     "\n"
     "TYPE is four characters (DATA; the first is the most significant byte) or a\n"
     "number, decimal or 0x hexadecimal; a TYPE that reads as a number is one. ID is\n"
     "a number. NEWFILE must not exist. Exit code 0 on success (for verify: the map\n"
-    "is sound), 1 when the operation fails, 2 for a usage error.\n";
+    "and every chunk are sound; each damaged chunk is named), 1 when the operation\n"
+    "fails, 2 for a usage error.\n";
 
 std::string ErrorText(int code) {
   TString text;
@@ -326,12 +327,34 @@ int Remove(const std::string& file, const ChunkArgs& args) {
 
 // ---- verify, compact, recover ----
 
+// The map first, then every chunk read back through its checksum, one at a
+// time; each damaged chunk is named and the check goes on.
 int Verify(const std::string& file) {
   ChunkManager cm;
   int rc = Open(&cm, file, kFileOpenRead);
   if (rc != 0) return Fail("open", file, rc);
   if ((rc = cm.CHVerify()) != 0) return Fail("verify", file, rc);
-  std::printf("%s: ok\n", file.c_str());
+  int64_t chunks = 0, damaged = 0;
+  for (int t = 1; t <= cm.CHCountTypes(); ++t) {
+    int type = cm.CHEnumType(t);
+    for (int i = 1; i <= cm.CHCountChunks(type); ++i) {
+      int id = cm.CHEnumChunk(type, i);
+      TMemory* handle = nullptr;
+      rc = cm.CHGetChunk(type, id, &handle, 1);
+      if (rc == 0 && (rc = cm.CHDetachChunk(handle)) == 0) delete handle;
+      ++chunks;
+      if (rc == 0) continue;
+      ++damaged;
+      std::fprintf(stderr, "plinth container: %s: %s is damaged: %d: %s\n", file.c_str(), ChunkName(type, id).c_str(),
+                   rc, ErrorText(rc).c_str());
+    }
+  }
+  if (damaged != 0) {
+    std::fprintf(stderr, "plinth container: %s: %" PRId64 " of %" PRId64 " chunks damaged\n", file.c_str(), damaged,
+                 chunks);
+    return 1;
+  }
+  std::printf("%s: ok: %" PRId64 " chunks\n", file.c_str(), chunks);
   return 0;
 }
 
@@ -427,9 +450,14 @@ int Recover(const std::string& file, const std::string& newFile) {
 }  // namespace
 
 int RunContainerCommand(int argc, char** argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
+  // Asked for help anywhere, help it is: never a file named "--help". No
+  // verb takes an option, so any other word in that form is a mistake.
+  if (AsksForHelp(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
+  }
+  for (int i = 0; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--", 2) == 0) return Usage(std::string("unknown option ") + argv[i]);
   }
   if (argc < 2) return Usage("");
   std::string verb = argv[0], file = argv[1];

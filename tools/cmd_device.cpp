@@ -85,7 +85,7 @@ int ListDevices(const char* folder) {
 }  // namespace
 
 int RunDeviceCommand(int argc, char** argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
+  if (AsksForHelp(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
   }

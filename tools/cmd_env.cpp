@@ -41,7 +41,7 @@ std::string Caps(unsigned int probe) {
 }  // namespace
 
 int RunEnvCommand(int argc, char** argv) {
-  if (argc > 0 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
+  if (AsksForHelp(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
   }

@@ -77,7 +77,7 @@ int PrintMapped(const char* kind, long long number, int code) {
 }  // namespace
 
 int RunErrorCommand(int argc, char** argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
+  if (AsksForHelp(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
   }

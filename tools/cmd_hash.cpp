@@ -5,7 +5,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <system_error>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +23,8 @@ const char kUsage[] =
     "usage: plinth hash [--md5|--sha1|--crc32|--block] FILE...\n"
     "\n"
     "Prints one line per file: the digest in hexadecimal, two blanks, the name.\n"
+    "Each FILE is read to its end as a stream (a pipe or a /proc file gives its\n"
+    "true digest); - is standard input.\n"
     "  --md5    MD5 (the default)\n"
     "  --sha1   SHA-1\n"
     "  --crc32  the library's CRC-32 (polynomial 0x04C11DB7, start 0, no inversion)\n"
@@ -101,16 +104,31 @@ std::unique_ptr<Hasher> MakeHasher(const std::string& kind) {
   return nullptr;
 }
 
-// Hashes one file; false (with a message) when it cannot be read.
+// The size of a regular file, for progress; 0 for anything else (a pipe, a
+// device, a /proc file whose size says nothing).
+uint64_t RegularSize(const char* name) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(name, ec)) return 0;
+  uint64_t size = std::filesystem::file_size(name, ec);
+  return ec ? 0 : size;
+}
+
+// Hashes one input read as a stream to its end ("-": standard input); false
+// (with a message) when it cannot be read.
 bool HashFile(const char* name, Hasher* hasher, std::vector<unsigned char>* buffer) {
-  std::ifstream in(name, std::ios::binary);
-  if (!in) {
+  bool standardInput = std::strcmp(name, "-") == 0;
+  std::FILE* in = standardInput ? stdin : std::fopen(name, "rb");
+  if (in == nullptr) {
     std::fprintf(stderr, "plinth hash: cannot open %s: %s\n", name, std::strerror(errno));
     return false;
   }
-  in.seekg(0, std::ios::end);
-  auto total = static_cast<uint64_t>(std::max<std::streamoff>(in.tellg(), 0));
-  in.seekg(0, std::ios::beg);
+  struct Closer {
+    std::FILE* file;
+    ~Closer() {
+      if (file != stdin) std::fclose(file);
+    }
+  } closer{in};
+  uint64_t total = standardInput ? 0 : RegularSize(name);
   bool progress = total >= kProgressFrom && isatty(fileno(stderr));
   if (!hasher->Start()) {
     std::fprintf(stderr, "plinth hash: the digest service is not available\n");
@@ -118,24 +136,23 @@ bool HashFile(const char* name, Hasher* hasher, std::vector<unsigned char>* buff
   }
   uint64_t done = 0;
   int shown = -1;
-  while (in) {
-    in.read(reinterpret_cast<char*>(buffer->data()), static_cast<std::streamsize>(buffer->size()));
-    auto got = static_cast<size_t>(in.gcount());
-    if (got == 0) break;
-    if (!hasher->Add(buffer->data(), got)) {
+  for (;;) {
+    size_t got = std::fread(buffer->data(), 1, buffer->size(), in);
+    if (got > 0 && !hasher->Add(buffer->data(), got)) {
       std::fprintf(stderr, "plinth hash: hashing %s failed\n", name);
       return false;
     }
     done += got;
-    int percent = total == 0 ? 100 : static_cast<int>(done * 100 / total);
-    if (progress && percent != shown) {
-      std::fprintf(stderr, "\r%s: %3d%%", name, percent);
+    if (progress) {
+      int percent = static_cast<int>(std::min<uint64_t>(done * 100 / total, 100));
+      if (percent != shown) std::fprintf(stderr, "\r%s: %3d%%", name, percent);
       shown = percent;
     }
+    if (got < buffer->size()) break;
   }
   if (progress) std::fprintf(stderr, "\r%*s\r", static_cast<int>(std::strlen(name)) + 6, "");
-  if (in.bad()) {
-    std::fprintf(stderr, "plinth hash: reading %s failed\n", name);
+  if (std::ferror(in)) {
+    std::fprintf(stderr, "plinth hash: cannot read %s: %s\n", name, std::strerror(errno));
     return false;
   }
   std::string digest = hasher->Finish();
@@ -152,7 +169,7 @@ bool HashFile(const char* name, Hasher* hasher, std::vector<unsigned char>* buff
 int RunHashCommand(int argc, char** argv) {
   std::string kind = "--md5";
   int first = 0;
-  if (argc > 0 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
+  if (AsksForHelp(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
   }

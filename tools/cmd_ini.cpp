@@ -32,7 +32,7 @@ int Fail(const char* what, const char* file, int code) {
 }  // namespace
 
 int RunIniCommand(int argc, char** argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0)) {
+  if (AsksForHelp(argc, argv)) {
     std::fputs(kUsage, stdout);
     return 0;
   }
