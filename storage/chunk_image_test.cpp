@@ -340,11 +340,13 @@ TEST_F(ChunkImage, FourLaidImagesOpenToTheSameChunks) {
         EXPECT_EQ(image.map[i].id, got.id) << i;
         EXPECT_EQ(image.map[i].address, got.address) << i;
       }
-      EXPECT_EQ(2, cm.CHCountTypes());
+      // The map's own group counts like the others; the free group does not.
+      EXPECT_EQ(3, cm.CHCountTypes());
       EXPECT_EQ(static_cast<int>(kLowType), cm.CHEnumType(1));
-      EXPECT_EQ(static_cast<int>(kHighType), cm.CHEnumType(2));
-      EXPECT_EQ(0, cm.CHEnumType(3));
-      EXPECT_EQ(0, cm.CHCountChunks(static_cast<int>(kCHMapType)));
+      EXPECT_EQ(static_cast<int>(kCHMapType), cm.CHEnumType(2));
+      EXPECT_EQ(static_cast<int>(kHighType), cm.CHEnumType(3));
+      EXPECT_EQ(0, cm.CHEnumType(4));
+      EXPECT_EQ(1, cm.CHCountChunks(static_cast<int>(kCHMapType)));
       EXPECT_EQ(3, cm.CHCountChunks(static_cast<int>(kHighType)));
       EXPECT_EQ(0x10000, cm.CHEnumChunk(static_cast<int>(kHighType), 3));
       for (const auto& [key, data] : expected) {

@@ -15,7 +15,11 @@ namespace {
 // Data past this cannot be held in a handle with its header.
 constexpr uint64_t kMaxChunkData = 0x7FFFFFFFull - 64;
 
+// Types a caller may change or load: the map's own group is the manager's.
 bool IsPublicType(int type) { return type >= 0 && static_cast<uint32_t>(type) != kCHMapType; }
+// Types the enumeration shows: every group but the free one (whose type is
+// negative as an int), the map's own included.
+bool IsListedType(int type) { return type >= 0; }
 
 }  // namespace
 
@@ -262,7 +266,7 @@ void ChunkManager::CHSetConfigPassword(const TString& password) { m_configPasswo
 int ChunkManager::CHCountTypes() {
   int types = 0;
   for (int i = 0; i < m_mapCount; i += 1 + static_cast<int>(m_map[i].id)) {
-    if (IsPublicType(static_cast<int>(m_map[i].type))) ++types;
+    if (IsListedType(static_cast<int>(m_map[i].type))) ++types;
   }
   return types;
 }
@@ -271,20 +275,20 @@ int ChunkManager::CHEnumType(int index) {
   if (index < 1) return 0;
   int seen = 0;
   for (int i = 0; i < m_mapCount; i += 1 + static_cast<int>(m_map[i].id)) {
-    if (IsPublicType(static_cast<int>(m_map[i].type)) && ++seen == index) return static_cast<int>(m_map[i].type);
+    if (IsListedType(static_cast<int>(m_map[i].type)) && ++seen == index) return static_cast<int>(m_map[i].type);
   }
   return 0;
 }
 
 int ChunkManager::CHCountChunks(int type) {
-  if (!IsPublicType(type)) return 0;
+  if (!IsListedType(type)) return 0;
   bool found = false;
   int head = GroupHead(static_cast<uint32_t>(type), &found);
   return found ? static_cast<int>(m_map[head].id) : 0;
 }
 
 int ChunkManager::CHEnumChunk(int type, int index) {
-  if (!IsPublicType(type)) return 0;
+  if (!IsListedType(type)) return 0;
   bool found = false;
   int head = GroupHead(static_cast<uint32_t>(type), &found);
   if (!found || index < 1 || static_cast<uint64_t>(index) > m_map[head].id) return 0;
@@ -292,7 +296,7 @@ int ChunkManager::CHEnumChunk(int type, int index) {
 }
 
 int ChunkManager::CHFindChunk(int type, int id) {
-  if (!IsPublicType(type)) return 0;
+  if (!IsListedType(type)) return 0;
   bool found = false;
   FindEntry(static_cast<uint32_t>(type), static_cast<uint64_t>(static_cast<uint32_t>(id)), &found);
   return found ? 1 : 0;
@@ -324,7 +328,7 @@ int ChunkManager::CHUniqueID(int type, int hint) {
 
 int64_t ChunkManager::CHChunkSize(int type, int id) {
   bool found = false;
-  int index = IsPublicType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
+  int index = IsListedType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
   if (!found) {
     LogLineChecked(517, u"CHChunkSize: can't find type/id");
     return kErrNotFound;
@@ -339,7 +343,7 @@ int64_t ChunkManager::CHChunkSize(int type, int id) {
 
 int ChunkManager::CHPhysInfo(int type, int id, int64_t* address, int64_t* length) {
   bool found = false;
-  int index = IsPublicType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
+  int index = IsListedType(type) ? FindEntry(static_cast<uint32_t>(type), static_cast<uint32_t>(id), &found) : 0;
   if (!found) {
     LogLineChecked(517, u"CHPhysInfo: can't find type/id");
     return kErrNotFound;

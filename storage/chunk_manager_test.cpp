@@ -96,7 +96,11 @@ TEST_F(ChunkManagerTest, GroupsCountsAndEnumeration) {
   EXPECT_EQ(Read(&again, kData, 1), "c");
   EXPECT_EQ(Read(&again, kData, 3), "a");
   EXPECT_EQ(Read(&again, kText, 7), "b");
-  EXPECT_EQ(again.CHCountTypes(), 2);
+  // Saved, the map has its own group, counted and listed like the others
+  // (the free group is not).
+  EXPECT_EQ(again.CHCountTypes(), 3);
+  EXPECT_EQ(static_cast<uint32_t>(again.CHEnumType(1)), kCHMapType);  // "ChMp" sorts first
+  EXPECT_EQ(again.CHCountChunks(static_cast<int>(kCHMapType)), 1);
   EXPECT_EQ(again.CHVerify(), 0);
 }
 

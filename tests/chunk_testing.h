@@ -55,6 +55,7 @@ inline int ReadChunkState(ChunkManager* cm, ChunkState* out, std::string* why, b
   int types = cm->CHCountTypes();
   for (int t = 1; t <= types; ++t) {
     int type = cm->CHEnumType(t);
+    if (static_cast<uint32_t>(type) == kCHMapType) continue;  // the manager's own
     int count = cm->CHCountChunks(type);
     for (int c = 1; c <= count; ++c) {
       int id = cm->CHEnumChunk(type, c);

@@ -115,7 +115,8 @@ out=$("$plinth" container ls "$box") || fail "container ls"
 grep -qE "^DATA 0x44415441 +1 +[0-9]+ +[0-9]+ +5000$" <<<"$out" || fail "container ls lacks DATA 1: '$out'"
 grep -qE "^DATA 0x44415441 +2 +[0-9]+ +[0-9]+ +70000$" <<<"$out" || fail "container ls lacks DATA 2: '$out'"
 grep -qE "^Blob 0x426C6F62 +7 +[0-9]+ +[0-9]+ +0$" <<<"$out" || fail "container ls lacks Blob 7: '$out'"
-[ "$(grep -c ' 0x' <<<"$out")" -eq 3 ] || fail "container ls shows other chunks: '$out'"
+grep -qE "^ChMp 0x43684D70 +0 " <<<"$out" || fail "container ls lacks the map's own chunk: '$out'"
+[ "$(grep -c ' 0x' <<<"$out")" -eq 4 ] || fail "container ls shows other chunks: '$out'"
 "$plinth" container get "$box" DATA 1 > "$tmp/got" && cmp -s "$tmp/one.bin" "$tmp/got" || fail "container get DATA 1"
 "$plinth" container get "$box" 0x44415441 0x2 > "$tmp/got" && cmp -s "$tmp/two.bin" "$tmp/got" ||
   fail "container get DATA 2"
@@ -126,7 +127,7 @@ grep -qE "^Blob 0x426C6F62 +7 +[0-9]+ +[0-9]+ +0$" <<<"$out" || fail "container 
 "$plinth" container rm "$box" Blob 7 || fail "container rm"
 out=$("$plinth" container info "$box") || fail "container info"
 for line in "writer version: +0x0111" "generation: +current" "byte order: +little-endian" "unsaved marker: +0$" \
-            "address step: +4" "data start: +512" "encryption marker: +0$" "types: +1$" "chunks: +2$"; do
+            "address step: +4" "data start: +512" "encryption marker: +0$" "types: +2$" "chunks: +3$"; do
   grep -qE "^$line" <<<"$out" || fail "container info lacks '$line': '$out'"
 done
 "$plinth" container verify "$box" | grep -q ": ok: 2 chunks$" || fail "container verify of a saved file"

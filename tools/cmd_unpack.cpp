@@ -304,7 +304,7 @@ int Verify(const std::string& file, const S3FlagsSpec& flags) {
   int dataType = static_cast<int>(packed.catalog.dataType);
   for (int t = 1; t <= packed.cm.CHCountTypes(); ++t) {
     int type = packed.cm.CHEnumType(t);
-    if (type == kPackCatalogType) continue;
+    if (type == kPackCatalogType || static_cast<uint32_t>(type) == kCHMapType) continue;
     if (type != dataType) {
       report("chunks of an unknown type " + std::to_string(type));
       continue;
