@@ -51,10 +51,21 @@
 //     past the largest id of the type, else the first unused id from 1.
 //     Ids are 32-bit at this interface.
 //
-// Types and ids. Public types are non-negative 32-bit values; the map's own
-// type (0x43684D70) is reserved and does not appear in the enumeration; the
-// map's slot is kept as an entry of that type so that every byte from the
-// data start to the end of space belongs to exactly one entry.
+// Types and ids. Public types are non-negative 32-bit values. The map's own
+// type (0x43684D70) is reserved: its slot is kept as an entry of that type
+// (id 0) so that every byte from the data start to the end of space belongs
+// to exactly one entry. The enumeration (CHCountTypes, CHEnumType,
+// CHCountChunks, CHEnumChunk) and the look-ups (CHFindChunk, CHChunkSize,
+// CHPhysInfo) show that group like any other once a save has written a map;
+// only the free group is left out. Loading, adding, changing or removing a
+// chunk of the map's type is refused: callers that read every listed chunk
+// pass it by.
+//
+// Reuse of space. A slot given up since the last save (a chunk removed,
+// moved or rewritten) becomes free space only after the next save has
+// written its map: until then the saved map still points at it, and a crash
+// before that save must find the old bytes there. The space a container
+// gains back therefore shows one save later.
 //
 // Logging. Every failure writes one line at 517 ("<operation>: <what>",
 // with %E for the code); the encryption lines go to 515 (failures) and 516
