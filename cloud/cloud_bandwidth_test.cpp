@@ -129,20 +129,20 @@ TEST(CloudBandwidth, ProgressComesAtMostOncePerIntervalAndAtTheEnd) {
 }
 
 TEST(CloudRetryBackoff, PausesGrowToTheCapWithFullJitter) {
-  CloudRetrySpec spec;
-  spec.baseMs = 100;
-  spec.capMs = 1000;
+  CloudRetrySpec rules;
+  rules.baseMs = 100;
+  rules.capMs = 1000;
   struct Case {
     uint32_t attempt;
     int64_t ceilingNs;
   } cases[] = {{1, 0}, {2, 100 * kMs}, {3, 200 * kMs}, {4, 400 * kMs}, {5, 800 * kMs}, {6, 1000 * kMs}, {60, 1000 * kMs}};
   for (const Case& c : cases) {
-    EXPECT_EQ(CloudBackoffNs(spec, c.attempt, UINT64_MAX - 1), c.ceilingNs == 0 ? 0 : (UINT64_MAX - 1) % (c.ceilingNs + 1));
-    EXPECT_EQ(CloudBackoffNs(spec, c.attempt, static_cast<uint64_t>(c.ceilingNs)), c.ceilingNs) << c.attempt;
-    EXPECT_EQ(CloudBackoffNs(spec, c.attempt, 0), 0);
+    EXPECT_EQ(CloudBackoffNs(rules, c.attempt, UINT64_MAX - 1), c.ceilingNs == 0 ? 0 : (UINT64_MAX - 1) % (c.ceilingNs + 1));
+    EXPECT_EQ(CloudBackoffNs(rules, c.attempt, static_cast<uint64_t>(c.ceilingNs)), c.ceilingNs) << c.attempt;
+    EXPECT_EQ(CloudBackoffNs(rules, c.attempt, 0), 0);
   }
-  spec.baseMs = 0;
-  EXPECT_EQ(CloudBackoffNs(spec, 5, 12345), 0);
+  rules.baseMs = 0;
+  EXPECT_EQ(CloudBackoffNs(rules, 5, 12345), 0);
 }
 
 }  // namespace

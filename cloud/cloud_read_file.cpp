@@ -26,7 +26,7 @@ class StoppableTap : public TCloudTap {
 };
 
 // One range into `dest`, tried again as the retry rules allow.
-int DownloadRange(TCloudConn* conn, const CloudFileSpec& spec, TCloudTransfer* transfer, const TString& name,
+int DownloadRange(TCloudConn* conn, const CloudFileSpec& setup, TCloudTransfer* transfer, const TString& name,
                   const std::string& etag, uint64_t offset, uint32_t length, uint8_t* dest,
                   const std::function<bool()>& stopped) {
   CloudDownloadSpec request;
@@ -35,7 +35,7 @@ int DownloadRange(TCloudConn* conn, const CloudFileSpec& spec, TCloudTransfer* t
   request.etag = etag;
   std::function<bool()> halted = [&] { return stopped() || transfer->Stopped(); };
   int code = CloudRetry(
-      spec.retry, spec.clock, u"TCloudBucket::ReadFile",
+      setup.retry, setup.clock, u"TCloudBucket::ReadFile",
       [&](uint32_t) {
         StoppableTap tap(transfer, halted);
         request.tap = &tap;
@@ -60,12 +60,12 @@ int DownloadRange(TCloudConn* conn, const CloudFileSpec& spec, TCloudTransfer* t
 
 }  // namespace
 
-int CloudObjectSize(const CloudFileSpec& spec, const TString& name, const char16_t* what, uint64_t* size,
+int CloudObjectSize(const CloudFileSpec& setup, const TString& name, const char16_t* what, uint64_t* size,
                     std::string* etag) {
   TCloudMetaData meta;
-  TCloudConn* conn = spec.conn.get();
+  TCloudConn* conn = setup.conn.get();
   int code = CloudRetry(
-      spec.retry, spec.clock, what, [&](uint32_t) { return conn->ObjectExists(name, &meta, false); },
+      setup.retry, setup.clock, what, [&](uint32_t) { return conn->ObjectExists(name, &meta, false); },
       [] { return false; });
   TString op(what);
   if (code != 0) {
@@ -80,11 +80,11 @@ int CloudObjectSize(const CloudFileSpec& spec, const TString& name, const char16
   return 0;
 }
 
-TCloudReadFile::TCloudReadFile(const CloudFileSpec& spec, const TString& name)
-    : m_spec(spec),
+TCloudReadFile::TCloudReadFile(const CloudFileSpec& setup, const TString& name)
+    : m_spec(setup),
       m_name(name),
-      m_partSize(std::max<uint32_t>(spec.conn->DownloadPartSize(), 1)),
-      m_threads(std::clamp<uint32_t>(spec.conn->DownloadThreads(), 1, 16)) {}
+      m_partSize(std::max<uint32_t>(setup.conn->DownloadPartSize(), 1)),
+      m_threads(std::clamp<uint32_t>(setup.conn->DownloadThreads(), 1, 16)) {}
 
 TCloudReadFile::~TCloudReadFile() {
   {
@@ -231,12 +231,12 @@ int TCloudReadFile::Read(uint64_t offset, void* buffer, uint64_t size, uint64_t*
   return 0;
 }
 
-int CloudReadRange(const CloudFileSpec& spec, const TString& name, uint64_t offset, uint64_t length,
+int CloudReadRange(const CloudFileSpec& setup, const TString& name, uint64_t offset, uint64_t length,
                    const std::string& etag, uint8_t* out) {
-  TCloudConn* conn = spec.conn.get();
+  TCloudConn* conn = setup.conn.get();
   uint64_t partSize = std::max<uint32_t>(conn->DownloadPartSize(), 1);
   uint64_t parts = (length + partSize - 1) / partSize;
-  TCloudTransfer transfer(false, length, spec.progress, spec.context, spec.clock, &CloudDownloadLimiter());
+  TCloudTransfer transfer(false, length, setup.progress, setup.context, setup.clock, &CloudDownloadLimiter());
   std::atomic<uint64_t> nextPart{0};
   std::atomic<int> failure{0};
   std::function<bool()> stopped = [&] { return failure.load() != 0; };
@@ -244,7 +244,7 @@ int CloudReadRange(const CloudFileSpec& spec, const TString& name, uint64_t offs
     for (uint64_t k; failure.load() == 0 && (k = nextPart.fetch_add(1)) < parts;) {
       uint64_t start = k * partSize;
       uint32_t n = static_cast<uint32_t>(std::min(partSize, length - start));
-      int code = DownloadRange(c, spec, &transfer, name, etag, offset + start, n, out + start, stopped);
+      int code = DownloadRange(c, setup, &transfer, name, etag, offset + start, n, out + start, stopped);
       int none = 0;
       if (code != 0 && failure.compare_exchange_strong(none, code)) transfer.Stop();
     }
@@ -260,7 +260,7 @@ int CloudReadRange(const CloudFileSpec& spec, const TString& name, uint64_t offs
       if (conn->NewPartConn(&partConn) != 0 || !partConn) break;
       conns.push_back(partConn);
     }
-    if (conns.empty()) conns.push_back(spec.conn);
+    if (conns.empty()) conns.push_back(setup.conn);
     for (const std::shared_ptr<TCloudConn>& c : conns) workers.emplace_back([&work, c] { work(c.get()); });
     for (std::thread& worker : workers) worker.join();
   }

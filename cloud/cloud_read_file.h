@@ -41,7 +41,7 @@
 
 class TCloudReadFile {
  public:
-  TCloudReadFile(const CloudFileSpec& spec, const TString& name);
+  TCloudReadFile(const CloudFileSpec& setup, const TString& name);
   ~TCloudReadFile();
   TCloudReadFile(const TCloudReadFile&) = delete;
   TCloudReadFile& operator=(const TCloudReadFile&) = delete;
@@ -99,11 +99,11 @@ class TCloudReadFile {
 
 // Reads `length` bytes of `name` from `offset` into `out`, the parts in
 // parallel; `etag` (may be empty) as for the read file.
-int CloudReadRange(const CloudFileSpec& spec, const TString& name, uint64_t offset, uint64_t length,
+int CloudReadRange(const CloudFileSpec& setup, const TString& name, uint64_t offset, uint64_t length,
                    const std::string& etag, uint8_t* out);
 
 // The size and entity tag of an object, from its answer headers.
-int CloudObjectSize(const CloudFileSpec& spec, const TString& name, const char16_t* what, uint64_t* size,
+int CloudObjectSize(const CloudFileSpec& setup, const TString& name, const char16_t* what, uint64_t* size,
                     std::string* etag);
 
 #endif  // PLINTH_CLOUD_CLOUD_READ_FILE_H_

@@ -29,11 +29,11 @@ struct CloudRetrySpec {
 };
 
 // The pause before attempt `attempt` (2..) for the random word `random`.
-int64_t CloudBackoffNs(const CloudRetrySpec& spec, uint32_t attempt, uint64_t random);
+int64_t CloudBackoffNs(const CloudRetrySpec& rules, uint32_t attempt, uint64_t random);
 
 // Waits the pause before attempt `attempt`, in slices on `clock`, ending
 // early once `stopped()` answers true.
-void CloudPause(const CloudRetrySpec& spec, const TCloudClock* clock, uint32_t attempt,
+void CloudPause(const CloudRetrySpec& rules, const TCloudClock* clock, uint32_t attempt,
                 const std::function<bool()>& stopped);
 
 // Runs `request(attempt)` until it answers 0 or a final code, the attempts
@@ -41,7 +41,7 @@ void CloudPause(const CloudRetrySpec& spec, const TCloudClock* clock, uint32_t a
 // failure that is tried again writes "<what>: attempt %~u of %~u failed,
 // trying again, %E" at 519. The pause is waited in slices on `clock`, so a
 // stop cuts it short. Answers the last result.
-int CloudRetry(const CloudRetrySpec& spec, const TCloudClock* clock, const char16_t* what,
+int CloudRetry(const CloudRetrySpec& rules, const TCloudClock* clock, const char16_t* what,
                const std::function<int(uint32_t attempt)>& request, const std::function<bool()>& stopped);
 
 #endif  // PLINTH_CLOUD_CLOUD_RETRY_H_

@@ -29,17 +29,17 @@ uint32_t ChoosePartSize(const TCloudConn& conn, uint64_t sizeHint) {
 
 }  // namespace
 
-TCloudWriteFile::TCloudWriteFile(const CloudFileSpec& spec, const TString& name, const TCloudMetaData* meta,
+TCloudWriteFile::TCloudWriteFile(const CloudFileSpec& setup, const TString& name, const TCloudMetaData* meta,
                                  uint64_t sizeHint, const TDate& retainUntil, bool holdFirstPart)
-    : m_spec(spec),
+    : m_spec(setup),
       m_name(name),
       m_hasMeta(meta != nullptr),
       m_retainUntil(retainUntil),
-      m_partSize(ChoosePartSize(*spec.conn, sizeHint)),
-      m_threads(std::clamp<uint32_t>(spec.conn->UploadThreads(), 1, 16)),
-      m_maxParts(std::max<uint32_t>(spec.conn->MaxParts(), 1)),
+      m_partSize(ChoosePartSize(*setup.conn, sizeHint)),
+      m_threads(std::clamp<uint32_t>(setup.conn->UploadThreads(), 1, 16)),
+      m_maxParts(std::max<uint32_t>(setup.conn->MaxParts(), 1)),
       m_holdFirst(holdFirstPart),
-      m_transfer(true, sizeHint, spec.progress, spec.context, spec.clock, &CloudUploadLimiter()) {
+      m_transfer(true, sizeHint, setup.progress, setup.context, setup.clock, &CloudUploadLimiter()) {
   if (meta != nullptr) m_meta = *meta;
 }
 
@@ -212,17 +212,17 @@ void TCloudWriteFile::Worker(std::shared_ptr<TCloudConn> conn) {
 }
 
 int TCloudWriteFile::UploadPart(TCloudConn* conn, TCloudPartBuffer* part, std::string* etag) {
-  CloudUploadSpec spec;
-  spec.name = m_name;
-  spec.uploadId = m_uploadId;
-  spec.partNumber = part->number;
+  CloudUploadSpec put;
+  put.name = m_name;
+  put.uploadId = m_uploadId;
+  put.partNumber = part->number;
   int code = CloudRetry(
       m_spec.retry, m_spec.clock, u"TCloudBucket::WriteToFile",
       [&](uint32_t) {
         TCloudAttemptTap tap(&m_transfer);
-        spec.tap = &tap;
+        put.tap = &tap;
         etag->clear();
-        int rc = conn->UploadBytes(spec, part->Data(), part->size, etag);
+        int rc = conn->UploadBytes(put, part->Data(), part->size, etag);
         if (rc == 0 && etag->empty()) rc = kErrInvalidData;
         if (rc != 0) tap.Undo();
         return rc;
@@ -236,9 +236,9 @@ int TCloudWriteFile::UploadPart(TCloudConn* conn, TCloudPartBuffer* part, std::s
 }
 
 int TCloudWriteFile::UploadWhole() {
-  CloudUploadSpec spec;
-  spec.name = m_name;
-  spec.meta = m_hasMeta ? &m_meta : nullptr;
+  CloudUploadSpec put;
+  put.name = m_name;
+  put.meta = m_hasMeta ? &m_meta : nullptr;
   const uint8_t* data = m_fill ? m_fill->Data() : nullptr;
   uint32_t size = m_fill ? m_fill->size : 0;
   TCloudConn* conn = m_spec.conn.get();
@@ -246,9 +246,9 @@ int TCloudWriteFile::UploadWhole() {
       m_spec.retry, m_spec.clock, u"TCloudBucket::CloseFile",
       [&](uint32_t) {
         TCloudAttemptTap tap(&m_transfer);
-        spec.tap = &tap;
+        put.tap = &tap;
         std::string etag;
-        int rc = conn->UploadBytes(spec, data, size, &etag);
+        int rc = conn->UploadBytes(put, data, size, &etag);
         if (rc != 0) tap.Undo();
         return rc;
       },

@@ -81,7 +81,7 @@ class TCloudPartBuffer {
 class TCloudWriteFile {
  public:
   // `sizeHint` 0: the size is not known.
-  TCloudWriteFile(const CloudFileSpec& spec, const TString& name, const TCloudMetaData* meta, uint64_t sizeHint,
+  TCloudWriteFile(const CloudFileSpec& setup, const TString& name, const TCloudMetaData* meta, uint64_t sizeHint,
                   const TDate& retainUntil, bool holdFirstPart = false);
   // Aborts what was not closed.
   ~TCloudWriteFile();

@@ -52,13 +52,13 @@ bool TCloudBucket::IsRetryError(int code) { return CloudIsRetryError(code); }
 const TCloudClock* TCloudBucket::Clock() const { return TCloudClock::System(); }
 
 CloudFileSpec TCloudBucket::FileSpec(unsigned attempts) const {
-  CloudFileSpec spec;
-  spec.conn = m_conn;
-  spec.retry = RetrySpec(attempts);
-  spec.progress = m_progress;
-  spec.context = m_context;
-  spec.clock = Clock();
-  return spec;
+  CloudFileSpec setup;
+  setup.conn = m_conn;
+  setup.retry = RetrySpec(attempts);
+  setup.progress = m_progress;
+  setup.context = m_context;
+  setup.clock = Clock();
+  return setup;
 }
 
 std::shared_ptr<TCloudConn> TCloudBucket::NewCloudConn() {
@@ -79,11 +79,11 @@ TCloudConn* TCloudBucket::getCloudConn() {
 }
 
 CloudRetrySpec TCloudBucket::RetrySpec(unsigned attempts) const {
-  CloudRetrySpec spec;
-  spec.attempts = attempts == 0 ? 1 : attempts;
-  spec.baseMs = m_backoffBaseMs;
-  spec.capMs = m_backoffCapMs;
-  return spec;
+  CloudRetrySpec rules;
+  rules.attempts = attempts == 0 ? 1 : attempts;
+  rules.baseMs = m_backoffBaseMs;
+  rules.capMs = m_backoffCapMs;
+  return rules;
 }
 
 void TCloudBucket::SetRetryBackoff(uint32_t baseMs, uint32_t capMs) {
@@ -153,12 +153,12 @@ int TCloudBucket::CopyObject(const TString& source, const TString& target, uint6
 int TCloudBucket::Verify() {
   TCloudConn* conn = getCloudConn();
   if (conn == nullptr) return NoConnector(u"Verify");
-  CloudRetrySpec spec = RetrySpec(kCloudVerifyTries);
+  CloudRetrySpec rules = RetrySpec(kCloudVerifyTries);
   int code = 0;
   for (uint32_t attempt = 1; attempt <= kCloudVerifyTries; ++attempt) {
     code = conn->Verify();
     if (code != kErrNetwork || attempt == kCloudVerifyTries) break;
-    CloudPause(spec, Clock(), attempt + 1, [] { return false; });
+    CloudPause(rules, Clock(), attempt + 1, [] { return false; });
   }
   return code;
 }
@@ -241,17 +241,17 @@ int TCloudBucket::ReadToTMemory(const TString& name, TMemory* out, uint64_t offs
     return kErrBadParameter;
   }
   if (getCloudConn() == nullptr) return NoConnector(u"ReadToTMemory");
-  CloudFileSpec spec = FileSpec(m_downloadAttempt);
+  CloudFileSpec setup = FileSpec(m_downloadAttempt);
   uint64_t size = 0;
   std::string etag;
-  int code = CloudObjectSize(spec, name, u"TCloudBucket::ReadToTMemory", &size, &etag);
+  int code = CloudObjectSize(setup, name, u"TCloudBucket::ReadToTMemory", &size, &etag);
   if (code != 0) return code;
   if (offset > size || (length != UINT64_MAX && length > size - offset)) {
     LogLineChecked(514, u"TCloudBucket::ReadToTMemory: %s holds %~lu bytes, %E", &name, size, kErrEndOfFile);
     return kErrEndOfFile;
   }
   if (length == UINT64_MAX) length = size - offset;
-  return ReadKnownToTMemory(spec, name, offset, length, etag, out);
+  return ReadKnownToTMemory(setup, name, offset, length, etag, out);
 }
 
 int TCloudBucket::ReadToTMemory(const TCloudObject& listed, TMemory* out) {
@@ -265,7 +265,7 @@ int TCloudBucket::ReadToTMemory(const TCloudObject& listed, TMemory* out) {
                             TStringAsString(listed.GetETag()), out);
 }
 
-int TCloudBucket::ReadKnownToTMemory(const CloudFileSpec& spec, const TString& name, uint64_t offset,
+int TCloudBucket::ReadKnownToTMemory(const CloudFileSpec& setup, const TString& name, uint64_t offset,
                                      uint64_t length, const std::string& etag, TMemory* out) {
   if (length > UINT32_MAX) {
     LogLineChecked(514, u"TCloudBucket::ReadToTMemory: %~lu bytes of %s do not fit a block, %E", length, &name,
@@ -277,7 +277,7 @@ int TCloudBucket::ReadKnownToTMemory(const CloudFileSpec& spec, const TString& n
   if (length == 0) return 0;
   TMemoryPin pin(*out);
   if (pin.Get() == nullptr) return out->CheckError() != 0 ? out->CheckError() : kErrNoMemory;
-  code = CloudReadRange(spec, name, offset, length, etag, pin.Get());
+  code = CloudReadRange(setup, name, offset, length, etag, pin.Get());
   if (code != 0) out->SetSize(0);
   return code;
 }
@@ -295,18 +295,18 @@ int TCloudBucket::CreateCloudStorageGroupFile(const TString& groupName) {
   if (code != 0) return code;
   TCloudConn* conn = getCloudConn();
   if (conn == nullptr) return NoConnector(u"CreateCloudStorageGroupFile");
-  CloudUploadSpec spec;
-  spec.name = TString(kCloudStorageGroupObject);
+  CloudUploadSpec put;
+  put.name = TString(kCloudStorageGroupObject);
   const uint8_t* bytes = reinterpret_cast<const uint8_t*>(text.data());
   code = CloudRetry(
       RetrySpec(m_uploadAttempt), Clock(), u"TCloudBucket::CreateCloudStorageGroupFile",
       [&](uint32_t) {
         std::string etag;
-        return conn->UploadBytes(spec, bytes, text.size(), &etag);
+        return conn->UploadBytes(put, bytes, text.size(), &etag);
       },
       [] { return false; });
   if (code != 0) {
-    LogLineChecked(514, u"TCloudBucket::CreateCloudStorageGroupFile: cannot store %s, %E", &spec.name, code);
+    LogLineChecked(514, u"TCloudBucket::CreateCloudStorageGroupFile: cannot store %s, %E", &put.name, code);
   }
   return code;
 }

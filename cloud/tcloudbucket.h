@@ -152,7 +152,7 @@ class PLINTH_API TCloudBucket : public TCloudOptions {
   TCloudConn* getCloudConn();
   CloudRetrySpec RetrySpec(unsigned attempts) const;
   CloudFileSpec FileSpec(unsigned attempts) const;
-  int ReadKnownToTMemory(const CloudFileSpec& spec, const TString& name, uint64_t offset, uint64_t length,
+  int ReadKnownToTMemory(const CloudFileSpec& setup, const TString& name, uint64_t offset, uint64_t length,
                          const std::string& etag, TMemory* out);
 
   std::shared_ptr<TCloudConn> m_conn;

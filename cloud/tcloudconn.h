@@ -168,9 +168,9 @@ class PLINTH_API TCloudConn : public TObject {
   virtual int AbortMultiPartUpload(const TString& name, const std::string& uploadId);
   // Reads up to `length` bytes into `buffer`; `*received` is what came.
   // Fails when the service sends more than `length`.
-  virtual int DownloadBytes(const CloudDownloadSpec& spec, uint8_t* buffer, uint32_t length, uint32_t* received);
+  virtual int DownloadBytes(const CloudDownloadSpec& fetch, uint8_t* buffer, uint32_t length, uint32_t* received);
   // Stores `size` bytes; `*etag` receives the service's entity tag.
-  virtual int UploadBytes(const CloudUploadSpec& spec, const uint8_t* data, size_t size, std::string* etag);
+  virtual int UploadBytes(const CloudUploadSpec& put, const uint8_t* data, size_t size, std::string* etag);
   // Retains the object until `retainUntil`; a default date is refused.
   virtual int put_ObjectLock(const TString& name, const TDate& retainUntil);
 

@@ -290,29 +290,29 @@ int TRecordingConn::AbortMultiPartUpload(const TString& name, const std::string&
   return call.result;
 }
 
-int TRecordingConn::UploadBytes(const CloudUploadSpec& spec, const uint8_t* data, size_t size, std::string* etag) {
-  RecordedCall call = Call(RecOp::kUpload, Utf8(spec.name), spec.partNumber, 0, size);
+int TRecordingConn::UploadBytes(const CloudUploadSpec& put, const uint8_t* data, size_t size, std::string* etag) {
+  RecordedCall call = Call(RecOp::kUpload, Utf8(put.name), put.partNumber, 0, size);
   m_service->Probe();
   FaultRule hit;
-  call.result = Fault(RecOp::kUpload, spec.partNumber, 0, &hit);
-  if (call.result == 0) call.result = Move(spec.tap, size);
+  call.result = Fault(RecOp::kUpload, put.partNumber, 0, &hit);
+  if (call.result == 0) call.result = Move(put.tap, size);
   if (call.result == 0 && hit.afterBytes) call.result = hit.code;
   if (call.result == 0) {
-    call.result = spec.uploadId.empty() ? m_service->StoreWhole(call.name, data, size, etag)
-                                        : m_service->StorePart(spec.uploadId, spec.partNumber, data, size, etag);
+    call.result = put.uploadId.empty() ? m_service->StoreWhole(call.name, data, size, etag)
+                                        : m_service->StorePart(put.uploadId, put.partNumber, data, size, etag);
   }
   m_service->Record(call);
   return call.result;
 }
 
-int TRecordingConn::DownloadBytes(const CloudDownloadSpec& spec, uint8_t* buffer, uint32_t length,
+int TRecordingConn::DownloadBytes(const CloudDownloadSpec& fetch, uint8_t* buffer, uint32_t length,
                                   uint32_t* received) {
-  RecordedCall call = Call(RecOp::kDownload, Utf8(spec.name), 0, spec.offset, length);
+  RecordedCall call = Call(RecOp::kDownload, Utf8(fetch.name), 0, fetch.offset, length);
   *received = 0;
   FaultRule hit;
-  call.result = Fault(RecOp::kDownload, 0, spec.offset, &hit);
-  if (call.result == 0) call.result = m_service->Read(call.name, spec.offset, buffer, length, spec.etag, received);
-  if (call.result == 0) call.result = Move(spec.tap, *received);
+  call.result = Fault(RecOp::kDownload, 0, fetch.offset, &hit);
+  if (call.result == 0) call.result = m_service->Read(call.name, fetch.offset, buffer, length, fetch.etag, received);
+  if (call.result == 0) call.result = Move(fetch.tap, *received);
   if (call.result == 0 && hit.afterBytes) call.result = hit.code;
   if (call.result == 0) *received = static_cast<uint32_t>(static_cast<int64_t>(*received) + hit.receivedDelta);
   m_service->Record(call);

@@ -131,8 +131,8 @@ class TRecordingConn : public TCloudConn {
   int FinishMultiPartUpload(const TString& name, const std::string& uploadId,
                             const std::vector<CloudPartSpec>& parts) override;
   int AbortMultiPartUpload(const TString& name, const std::string& uploadId) override;
-  int DownloadBytes(const CloudDownloadSpec& spec, uint8_t* buffer, uint32_t length, uint32_t* received) override;
-  int UploadBytes(const CloudUploadSpec& spec, const uint8_t* data, size_t size, std::string* etag) override;
+  int DownloadBytes(const CloudDownloadSpec& fetch, uint8_t* buffer, uint32_t length, uint32_t* received) override;
+  int UploadBytes(const CloudUploadSpec& put, const uint8_t* data, size_t size, std::string* etag) override;
   int put_ObjectLock(const TString& name, const TDate& retainUntil) override;
 
   uint32_t MinPartSize() const override { return m_minPartSize; }

@@ -30,9 +30,9 @@ class S3FakeFaults : public S3FakeTest {
  protected:
   int Read(TS3Conn& conn, uint32_t length, uint32_t* received) {
     std::vector<uint8_t> buffer(length);
-    CloudDownloadSpec spec;
-    spec.name = u"obj";
-    return conn.DownloadBytes(spec, buffer.data(), length, received);
+    CloudDownloadSpec fetch;
+    fetch.name = u"obj";
+    return conn.DownloadBytes(fetch, buffer.data(), length, received);
   }
 };
 
@@ -183,10 +183,10 @@ TEST_F(S3FakeFaults, KeptAliveConnectionServesManyRequestsAndIsLeftWhenClosed) {
   server.OnNth("PUT", "", 1, Fault(FakeFault::kGarbage, 0, 200, ""));
   server.On("PUT", "", Status(200, "", {{"ETag", "\"t\""}}));
   std::string body(300000, 'b');
-  CloudUploadSpec spec;
-  spec.name = u"obj";
+  CloudUploadSpec put;
+  put.name = u"obj";
   std::string etag;
-  EXPECT_EQ(Conn().UploadBytes(spec, reinterpret_cast<const uint8_t*>(body.data()), body.size(), &etag), 0);
+  EXPECT_EQ(Conn().UploadBytes(put, reinterpret_cast<const uint8_t*>(body.data()), body.size(), &etag), 0);
   EXPECT_EQ(etag, "\"t\"");
   EXPECT_EQ(server.Count("PUT"), 2);
   for (const FakeRequest& r : server.Requests()) {
@@ -241,10 +241,10 @@ TEST_F(S3FakeFaults, BrokenDocumentsAreRefusedWithALogLine) {
        "TS3Conn::StartMultiPartUpload: obj: no UploadId"},
       {"upload without an entity tag",
        [](TS3Conn& c) {
-         CloudUploadSpec spec;
-         spec.name = u"obj";
+         CloudUploadSpec put;
+         put.name = u"obj";
          std::string etag;
-         return c.UploadBytes(spec, reinterpret_cast<const uint8_t*>("x"), 1, &etag);
+         return c.UploadBytes(put, reinterpret_cast<const uint8_t*>("x"), 1, &etag);
        },
        Status(200), kErrInvalidData, "TS3Conn::UploadBytes: obj: no ETag in the answer"},
       {"versioning of another kind", [](TS3Conn& c) {

@@ -65,10 +65,10 @@ TEST_F(S3FakeRequests, EachOperationSendsItsDocumentedForm) {
   const RequestCase cases[] = {
       {"whole upload with dates",
        [&](TS3Conn& c) {
-         CloudUploadSpec spec;
-         spec.name = u"dir/obj";
-         spec.meta = &meta;
-         return c.UploadBytes(spec, reinterpret_cast<const uint8_t*>("hello"), 5, &etag);
+         CloudUploadSpec put;
+         put.name = u"dir/obj";
+         put.meta = &meta;
+         return c.UploadBytes(put, reinterpret_cast<const uint8_t*>("hello"), 5, &etag);
        },
        Ok("", {{"ETag", "\"5d41\""}}), "PUT", "/bkt/dir/obj",
        "host;content-md5;x-amz-content-sha256;x-amz-date;x-amz-meta-created;x-amz-meta-modified;"
@@ -79,20 +79,20 @@ TEST_F(S3FakeRequests, EachOperationSendsItsDocumentedForm) {
         {"x-amz-meta-replicated", "2022-01-01T00:00:00.00+0000"}}},
       {"part upload",
        [&](TS3Conn& c) {
-         CloudUploadSpec spec;
-         spec.name = u"obj";
-         spec.uploadId = "U 1+/=";
-         spec.partNumber = 3;
-         spec.meta = &meta;  // parts carry no dates
-         return c.UploadBytes(spec, reinterpret_cast<const uint8_t*>("part"), 4, &etag);
+         CloudUploadSpec put;
+         put.name = u"obj";
+         put.uploadId = "U 1+/=";
+         put.partNumber = 3;
+         put.meta = &meta;  // parts carry no dates
+         return c.UploadBytes(put, reinterpret_cast<const uint8_t*>("part"), 4, &etag);
        },
        Ok("", {{"ETag", "\"p3\""}}), "PUT", "/bkt/obj?partNumber=3&uploadId=U%201%2B%2F%3D",
        "host;content-md5;x-amz-content-sha256;x-amz-date", "part", {}},
       {"ranged read",
        [&](TS3Conn& c) {
-         CloudDownloadSpec spec;
-         spec.name = u"obj";
-         return c.DownloadBytes(spec, buffer, sizeof buffer, &got);
+         CloudDownloadSpec fetch;
+         fetch.name = u"obj";
+         return c.DownloadBytes(fetch, buffer, sizeof buffer, &got);
        },
        [] {
          FakeAnswer a = Ok(std::string(1024, 'r'));
@@ -103,11 +103,11 @@ TEST_F(S3FakeRequests, EachOperationSendsItsDocumentedForm) {
        {{"Range", "bytes=0-1023"}, {"x-amz-content-sha256", "UNSIGNED-PAYLOAD"}}},
       {"ranged read naming the entity tag",
        [&](TS3Conn& c) {
-         CloudDownloadSpec spec;
-         spec.name = u"obj";
-         spec.offset = 5000000000ull;
-         spec.etag = "\"e9\"";
-         return c.DownloadBytes(spec, buffer, 10, &got);
+         CloudDownloadSpec fetch;
+         fetch.name = u"obj";
+         fetch.offset = 5000000000ull;
+         fetch.etag = "\"e9\"";
+         return c.DownloadBytes(fetch, buffer, 10, &got);
        },
        [] {
          FakeAnswer a = Ok("0123456789");
@@ -240,11 +240,11 @@ TEST_F(S3FakeRequests, GoogleStorageGetsItsOwnHeadersAndNoPerObjectLock) {
   EXPECT_EQ(create.Header("x-goog-bucket-retention-period"), "2592000");
   EXPECT_EQ(create.Header("Host"), server.HostPort(google));
 
-  CloudDownloadSpec spec;
-  spec.name = u"o";
+  CloudDownloadSpec fetch;
+  fetch.name = u"o";
   uint8_t buffer[3];
   uint32_t got = 0;
-  EXPECT_EQ(conn->DownloadBytes(spec, buffer, 3, &got), 0);
+  EXPECT_EQ(conn->DownloadBytes(fetch, buffer, 3, &got), 0);
   FakeRequest get = Only("GET");
   EXPECT_EQ(get.Header("x-goog-content-sha256"), "UNSIGNED-PAYLOAD");
   EXPECT_EQ(CheckSignedRequest(get, host.Lines()).signedHeaders, "host;x-goog-content-sha256;x-goog-date");

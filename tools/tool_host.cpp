@@ -106,9 +106,9 @@ void SetToolSetting(const std::string& key, const std::string& value) {
 }
 
 void TakeEnvironmentSettings() {
-  for (const EnvSettingSpec& spec : kEnvSettings) {
-    const char* value = std::getenv(spec.variable);
-    if (value != nullptr && *value != '\0') SetToolSetting(spec.key, value);
+  for (const EnvSettingSpec& entry : kEnvSettings) {
+    const char* value = std::getenv(entry.variable);
+    if (value != nullptr && *value != '\0') SetToolSetting(entry.key, value);
   }
 }
 

@@ -115,42 +115,42 @@ int TS3Conn::DeleteCloudObject(const TString& name) {
   return answer.code;
 }
 
-int TS3Conn::UploadBytes(const CloudUploadSpec& spec, const uint8_t* data, size_t size, std::string* etag) {
+int TS3Conn::UploadBytes(const CloudUploadSpec& put, const uint8_t* data, size_t size, std::string* etag) {
   S3RequestSpec request;
   request.method = "PUT";
   request.body = data;
   request.bodySize = size;
   request.contentMd5 = true;
-  request.tap = spec.tap;
-  if (!spec.uploadId.empty()) {
-    request.query = {{"partNumber", std::to_string(spec.partNumber)}, {"uploadId", spec.uploadId}};
+  request.tap = put.tap;
+  if (!put.uploadId.empty()) {
+    request.query = {{"partNumber", std::to_string(put.partNumber)}, {"uploadId", put.uploadId}};
   } else {
-    S3MetaHeaders(spec.meta, &request.headers);
+    S3MetaHeaders(put.meta, &request.headers);
   }
   S3AnswerSpec answer;
-  Send(request, spec.name, u"TS3Conn::UploadBytes", &answer);
+  Send(request, put.name, u"TS3Conn::UploadBytes", &answer);
   if (answer.code != 0) return answer.code;
   *etag = S3HeaderValue(answer.headers, "ETag");
   if (etag->empty()) {
-    LogLineChecked(514, u"TS3Conn::UploadBytes: %s: no ETag in the answer, %E", &spec.name, kErrInvalidData);
+    LogLineChecked(514, u"TS3Conn::UploadBytes: %s: no ETag in the answer, %E", &put.name, kErrInvalidData);
     return kErrInvalidData;
   }
   return 0;
 }
 
-int TS3Conn::DownloadBytes(const CloudDownloadSpec& spec, uint8_t* buffer, uint32_t length, uint32_t* received) {
+int TS3Conn::DownloadBytes(const CloudDownloadSpec& fetch, uint8_t* buffer, uint32_t length, uint32_t* received) {
   *received = 0;
   if (length == 0) return 0;
   S3RequestSpec request;
   request.unsignedPayload = true;
-  uint64_t last = spec.offset + length - 1;
-  request.headers.emplace_back("Range", TStringAsString(Format(u"bytes=%~lu-%~lu", spec.offset, last)));
-  if (!spec.etag.empty()) request.headers.emplace_back("If-Match", spec.etag);
+  uint64_t last = fetch.offset + length - 1;
+  request.headers.emplace_back("Range", TStringAsString(Format(u"bytes=%~lu-%~lu", fetch.offset, last)));
+  if (!fetch.etag.empty()) request.headers.emplace_back("If-Match", fetch.etag);
   request.sink = buffer;
   request.sinkSize = length;
-  request.tap = spec.tap;
+  request.tap = fetch.tap;
   S3AnswerSpec answer;
-  Send(request, spec.name, u"TS3Conn::DownloadBytes", &answer);
+  Send(request, fetch.name, u"TS3Conn::DownloadBytes", &answer);
   *received = answer.received;
   return answer.code;
 }

@@ -45,21 +45,21 @@ std::unique_ptr<TS3Conn> S3Fixture::Connect(S3Peers::Server server, const std::s
 
 int S3Fixture::Put(TS3Conn* c, const std::string& name, const std::vector<uint8_t>& data,
                    const TCloudMetaData* meta) {
-  CloudUploadSpec spec;
-  spec.name = TStringFromUTF8(name);
-  spec.meta = meta;
+  CloudUploadSpec put;
+  put.name = TStringFromUTF8(name);
+  put.meta = meta;
   std::string etag;
-  return c->UploadBytes(spec, data.data(), data.size(), &etag);
+  return c->UploadBytes(put, data.data(), data.size(), &etag);
 }
 
 int S3Fixture::Get(TS3Conn* c, const std::string& name, uint64_t offset, uint32_t length,
                    std::vector<uint8_t>* out) {
   out->assign(length, 0);
-  CloudDownloadSpec spec;
-  spec.name = TStringFromUTF8(name);
-  spec.offset = offset;
+  CloudDownloadSpec fetch;
+  fetch.name = TStringFromUTF8(name);
+  fetch.offset = offset;
   uint32_t received = 0;
-  int code = c->DownloadBytes(spec, out->data(), length, &received);
+  int code = c->DownloadBytes(fetch, out->data(), length, &received);
   out->resize(received);
   return code;
 }
